@@ -1,0 +1,36 @@
+#!/bin/sh
+# Checks the build and test dependencies (Debian packages); installs the
+# missing ones when run as root with apt-get, else names them and fails.
+set -eu
+
+missing=""
+need() {  # need PACKAGE TEST...
+    package=$1; shift
+    if ! "$@" >/dev/null 2>&1; then
+        missing="$missing $package"
+    fi
+}
+
+need cmake            command -v cmake
+need make             command -v make
+need g++              command -v g++
+need gcc              command -v gcc
+need libgtest-dev     test -f /usr/include/gtest/gtest.h
+need libgmock-dev     test -f /usr/include/gmock/gmock.h
+need libbenchmark-dev test -f /usr/include/benchmark/benchmark.h
+need pv               command -v pv
+need psmisc           command -v killall
+need util-linux       command -v unshare
+
+[ -z "$missing" ] && exit 0
+
+if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then
+    echo "installing:$missing"
+    apt-get update -qq
+    # shellcheck disable=SC2086
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $missing
+else
+    echo "missing Debian packages:$missing" >&2
+    echo "install them with: sudo apt-get install$missing" >&2
+    exit 1
+fi

@@ -1,0 +1,98 @@
+/* The status record of a running transfer in its key/value form, the form in
+ * which it lives as a section of a status file.  Signed fields ("pid",
+ * "timestamp") are read leniently: text after the digits is ignored. */
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "common/bandwidth_parm.h"
+#include "vesk_log.h"
+
+namespace {
+
+/* Every converter needs its field and its text. */
+bool ConverterArgsOk(const void *private_data, const char *str)
+{
+    return VESK_ARG_OK(((void *)0) != private_data) && VESK_ARG_OK(NULL != str);
+}
+
+int LToHashStr(const void *private_data, char *str, size_t cbStr)
+{
+    if (!ConverterArgsOk(private_data, str)) {
+        return -1;
+    }
+    snprintf(str, cbStr, "%ld", (long)*(const int64_t *)private_data);
+    return 0;
+}
+
+int LFromHashStr(void *private_data, const char *str)
+{
+    if (!ConverterArgsOk(private_data, str)) {
+        return -1;
+    }
+    *(int64_t *)private_data = strtol(str, NULL, 10);
+    return 0;
+}
+
+int IToHashStr(const void *private_data, char *str, size_t cbStr)
+{
+    if (!ConverterArgsOk(private_data, str)) {
+        return -1;
+    }
+    snprintf(str, cbStr, "%ld", (long)*(const int32_t *)private_data);
+    return 0;
+}
+
+int IFromHashStr(void *private_data, const char *str)
+{
+    if (!ConverterArgsOk(private_data, str)) {
+        return -1;
+    }
+    *(int32_t *)private_data = (int32_t)strtol(str, NULL, 10);
+    return 0;
+}
+
+/* The twelve keys of a status record, with room for the closing entry. */
+struct StatusParmTable {
+    VESK_BW_PARM entry[13];
+};
+
+StatusParmTable StatusTable(VESK_BANDWIDTH_STATUS *pStatus)
+{
+    return {{
+        {"pid", &pStatus->pid, 0, NULL, IToHashStr, IFromHashStr},
+        {"id", &pStatus->id, 0, NULL, ULToHashStr, ULFromHashStr},
+        {"uid", &pStatus->uid, 0, NULL, ULToHashStr, ULFromHashStr},
+        {"active", &pStatus->active, 0, NULL, ULToHashStr, ULFromHashStr},
+        {"timestamp", &pStatus->timestamp, 0, NULL, LToHashStr, LFromHashStr},
+        {"current speed", &pStatus->current_speed, 0, NULL, ULLToHashStr, ULLFromHashStr},
+        {"expect speed", &pStatus->expect_speed, 0, NULL, ULLToHashStr, ULLFromHashStr},
+        {"filename", pStatus->filename, sizeof(pStatus->filename), NULL, NULL, NULL},
+        {"owner type", &pStatus->owner_type, 0, VESK_BW_OWNER_TYPE_NAMES, NULL, NULL},
+        {"protocol type", &pStatus->protocol_type, 0, VESK_BW_PROTOCOL_TYPE_NAMES, NULL, NULL},
+        {"transfer type", &pStatus->transfer_type, 0, VESK_BW_TRANSFER_TYPE_NAMES, NULL, NULL},
+        {"progress", &pStatus->progress, 0, NULL, ULToHashStr, ULFromHashStr},
+        {NULL, NULL, 0, NULL, NULL, NULL},
+    }};
+}
+
+}  // namespace
+
+int VESKBandwidthInitHashFromStatus(VLIBC_SZHASH **ppHash, const VESK_BANDWIDTH_STATUS *pStatus)
+{
+    if (!VESK_ARG_OK(((void *)0) != ppHash) || !VESK_ARG_OK(((void *)0) != *ppHash) ||
+        !VESK_ARG_OK(NULL != pStatus)) {
+        return -1;
+    }
+    /* The table only reads the record on this path. */
+    StatusParmTable table = StatusTable(const_cast<VESK_BANDWIDTH_STATUS *>(pStatus));
+    return VESKBandwidthParmTableToHash(table.entry, ppHash, __FILE_NAME__);
+}
+
+int VESKBandwidthInitStatusFromHash(VESK_BANDWIDTH_STATUS *pStatus, const VLIBC_SZHASH *pHash)
+{
+    if (!VESK_ARG_OK(((void *)0) != pHash) || !VESK_ARG_OK(NULL != pStatus)) {
+        return -1;
+    }
+    StatusParmTable table = StatusTable(pStatus);
+    return VESKBandwidthParmTableFromHash(table.entry, pHash, __FILE_NAME__);
+}

@@ -1,0 +1,88 @@
+/* Prints one running transfer as one fixed-width line: owner, protocol,
+ * direction, pid, last save, expected and current speed (KiB/s), progress (%)
+ * and file name. */
+#include <stdio.h>
+
+#include "conf/bandwidth_conf_store.h"
+#include "status/bandwidth_status_path.h"
+#include "veskbandwidth.h"
+#include "vesk_account.h"
+#include "vesk_log.h"
+
+namespace {
+
+/* The account that names the owner of a status copy: the user of a user's
+ * copy, else the group.  Released with its scope. */
+class OwnerAccount {
+public:
+    OwnerAccount() = default;
+    OwnerAccount(const OwnerAccount &) = delete;
+    OwnerAccount &operator=(const OwnerAccount &) = delete;
+    ~OwnerAccount()
+    {
+        if (NULL != pUser_) {
+            VESKUserFree(pUser_);
+        }
+        if (NULL != pGroup_) {
+            VESKGroupFree(pGroup_);
+        }
+    }
+
+    /* False (logged) when the account cannot be found. */
+    bool Lookup(const VESK_BANDWIDTH_STATUS &status)
+    {
+        if (VESK_BW_OWNER_USER == status.owner_type) {
+            if (VESKUserGetByUID(status.id, &pUser_) < 0 || NULL == pUser_) {
+                VESK_LOG("VESKUserGetByUID failed. [%u] [0x%04X %s:%d]", status.id, VESK_ERR_ARGS);
+                return false;
+            }
+        } else if (VESKGroupGetByGID(status.id, &pGroup_) < 0 || NULL == pGroup_) {
+            VESK_LOG("VESKGroupGetByGID failed. [%u] [0x%04X %s:%d]", status.id, VESK_ERR_ARGS);
+            return false;
+        }
+        return true;
+    }
+
+    const char *Name() const { return NULL != pUser_ ? pUser_->szName : pGroup_->szName; }
+
+private:
+    VESK_USER *pUser_ = NULL;
+    VESK_GROUP *pGroup_ = NULL;
+};
+
+}  // namespace
+
+int VESKBandwidthStatusDump(FILE *fp, const VESK_BANDWIDTH_STATUS *pStatus)
+{
+    if (!VESK_ARG_OK(((void *)0) != fp) || !VESK_ARG_OK(NULL != pStatus)) {
+        return -1;
+    }
+    OwnerAccount owner;
+    if (!owner.Lookup(*pStatus)) {
+        return -1;
+    }
+    BwStatusHash hash;
+    if (NULL == hash.p) {
+        VESK_LOG("VLIBCSzHashAlloc failed.[0x%04X %s:%d]", VESK_ERR_ARGS);
+        return -1;
+    }
+    if (VESKBandwidthInitHashFromStatus(&hash.p, pStatus) < 0) {
+        VESK_LOG("Init hash from status failed. [0x%04X %s:%d]", VESK_ERR_ARGS);
+        return -1;
+    }
+    char szProtocol[32];
+    char szTransfer[32];
+    /* A value without a name has no key in the hash: it prints as unknown(<value>). */
+    const char *szProtocolName =
+        BandwidthConfDumpText(hash.p, "protocol type", pStatus->protocol_type, szProtocol, sizeof(szProtocol));
+    const char *szTransferName =
+        BandwidthConfDumpText(hash.p, "transfer type", pStatus->transfer_type, szTransfer, sizeof(szTransfer));
+    double dExpectKBps = (double)pStatus->expect_speed * 0.0009765625;
+    double dCurrentKBps = (double)pStatus->current_speed / 1024.0;
+    double dProgressPercent = pStatus->progress / 100.0;
+    /* The file name is bounded by its field, in case it lacks its terminator. */
+    fprintf(fp, "%30s %10s %10s %5u %10u %10.2f %10.2f %03.2f %.*s\n", owner.Name(), szProtocolName,
+            szTransferName, (unsigned int)pStatus->pid, (unsigned int)(uint32_t)pStatus->timestamp, dExpectKBps,
+            dCurrentKBps, dProgressPercent, (int)sizeof(pStatus->filename), pStatus->filename);
+    return 0;
+}

@@ -1,0 +1,57 @@
+/* Stream and line helpers shared by the status file writers. Internal.
+ *
+ * The status directory is writable by every user, so the writers open the
+ * status file itself without following a symbolic link planted at its path,
+ * and without blocking on a FIFO planted there. */
+#ifndef BANDWIDTH_STATUS_FILE_H
+#define BANDWIDTH_STATUS_FILE_H
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <memory>
+
+namespace vesk_status {
+
+struct FileCloser {
+    void operator()(FILE *fp) const { fclose(fp); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+/* Opens szPath with the given open(2) flags, never through a symbolic link,
+ * and wraps the descriptor in a stream of szStreamMode; NULL on failure. */
+inline FilePtr OpenNoFollow(const char *szPath, int iFlags, mode_t mode, const char *szStreamMode)
+{
+    int fd = open(szPath, iFlags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
+    if (fd < 0) {
+        return FilePtr();
+    }
+    FILE *fp = fdopen(fd, szStreamMode);
+    if (NULL == fp) {
+        close(fd);
+    }
+    return FilePtr(fp);
+}
+
+/* Growing buffer for getdelim, so that a line of any length is read whole. */
+class LineReader {
+public:
+    LineReader() = default;
+    LineReader(const LineReader &) = delete;
+    LineReader &operator=(const LineReader &) = delete;
+    ~LineReader() { free(szLine_); }
+
+    /* The next line with its newline; its length, or -1 at the end or on error. */
+    ssize_t Next(FILE *fp) { return getdelim(&szLine_, &cbAlloc_, '\n', fp); }
+    const char *Line() const { return szLine_; }
+
+private:
+    char *szLine_ = NULL;
+    size_t cbAlloc_ = 0;
+};
+
+}  // namespace vesk_status
+
+#endif

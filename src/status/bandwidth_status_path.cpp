@@ -1,0 +1,24 @@
+/* Paths and section names of the status files. */
+#include "bandwidth_status_path.h"
+
+#include <stdio.h>
+#include <syslog.h>
+
+int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_t cbPath, const char *szFile,
+                            int iLine)
+{
+    char szOwner[256] = {0};
+
+    if (VESKBandwidthEnumToName(VESK_BW_OWNER_TYPE_NAMES, owner_type, szOwner, sizeof(szOwner)) < 1 ||
+        '\0' == szOwner[0]) {
+        syslog(LOG_ERR, "%s:%d VESKBandwidthEnumToName failed, protocol=%d", szFile, iLine, owner_type);
+        return -1;
+    }
+    snprintf(szPath, cbPath, BW_STATUS_DIR "%s-%u", szOwner, id);
+    return 0;
+}
+
+void BandwidthStatusSectionName(pid_t pid, int transfer_type, char *szSection, size_t cbSection)
+{
+    snprintf(szSection, cbSection, "%u-%d", (unsigned int)pid, transfer_type);
+}

@@ -1,0 +1,190 @@
+/* Takes a transfer's sections out of the status files of its user and its
+ * groups, and switches a transfer off from outside. */
+#include <string.h>
+#include <unistd.h>
+
+#include "common/bandwidth_user_groups.h"
+#include "veskbandwidth.h"
+#include "vesk_file.h"
+#include "vesk_log.h"
+
+#include "bandwidth_status_path.h"
+
+namespace {
+
+/* Removes the sections of process pid, for every direction in the
+ * transfer-type mask, from the status file of one owner.  A missing file or
+ * section is no failure. */
+int VESKBandwidthIStatusRemove(int owner_type, unsigned int id, pid_t pid, unsigned int transfer_type)
+{
+    char szPath[BW_STATUS_PATH_SIZE] = {0};
+
+    if (!VESK_ARG_OK((pid_t)-1 != pid)) {
+        return -1;
+    }
+    if (BW_STATUS_FILE_PATH(owner_type, id, szPath) < 0) {
+        return -1;
+    }
+    for (const VESK_BW_ENUM_ENTRY *pRow = VESK_BW_TRANSFER_TYPE_NAMES; NULL != pRow->szName; pRow++) {
+        if (0 == ((unsigned int)pRow->iValue & transfer_type)) {
+            continue;
+        }
+        char szSection[BW_STATUS_SECTION_SIZE] = {0};
+        BandwidthStatusSectionName(pid, pRow->iValue, szSection, sizeof(szSection));
+        if (1 == VLIBCFileExist(szPath) && VESKBandwidthStatusRemoveSection(szPath, szSection) < 0) {
+            VESK_LOG("Remove section [%s] from [%s] failed. [0x%04X %s:%d]", szSection, szPath, VESK_ERR_ARGS);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+/* Removes the sections of process pid from the file of group gid. */
+int GroupStatusRemove(gid_t gid, pid_t pid, unsigned int transfer_type)
+{
+    if (VESKBandwidthIStatusRemove(VESK_BW_OWNER_GROUP, gid, pid, transfer_type) < 0) {
+        VESK_LOG("VESKBandwidthIStatusRemove failed. gid:[%u] [0x%04X %s:%d]", gid, VESK_ERR_ARGS);
+        return -1;
+    }
+    return 0;
+}
+
+/* Removes the sections of process pid from the file of user uid. */
+int UserStatusRemove(uid_t uid, pid_t pid, unsigned int transfer_type)
+{
+    if (VESKBandwidthIStatusRemove(VESK_BW_OWNER_USER, uid, pid, transfer_type) < 0) {
+        VESK_LOG("VESKBandwidthIStatusRemove failed. uid:[%u] [0x%04X %s:%d]", uid, VESK_ERR_ARGS);
+        return -1;
+    }
+    return 0;
+}
+
+/* The user's file, then the file of every group the user belongs to,
+ * whether or not the transfer occupies it. */
+int VESKBandwidthIStatusForceRemoveAll(const char *szUserName, uid_t uid, unsigned int transfer_type, pid_t pid)
+{
+    if (!VESK_ARG_OK(((void *)0) != szUserName) || !VESK_ARG_OK(UID_ERR != uid)) {
+        return -1;
+    }
+    if (UserStatusRemove(uid, pid, transfer_type) < 0) {
+        return -1;
+    }
+    BwSzListPtr pGroups = BW_GROUP_LIST_GET(szUserName);
+    if (!pGroups) {
+        return -1;
+    }
+    int iGroups = VLIBCSzListCount(pGroups.get());
+    for (int i = 0; i < iGroups; i++) {
+        gid_t gid = 0;
+        if (BW_GROUP_LIST_GID(pGroups.get(), i, &gid) < 0 ||
+            GroupStatusRemove(gid, pid, transfer_type) < 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+/* The forced removal for the user of a platform user record. */
+int UserForceRemoveAll(const VESK_USER *pUser, unsigned int transfer_type, pid_t pid)
+{
+    if (VESKBandwidthIStatusForceRemoveAll(pUser->szName, pUser->uid, transfer_type, pid) < 0) {
+        VESK_LOG("VESKBandwidthIStatusForceRemoveAll failed. name:[%s] [0x%04X %s:%d]", pUser->szName,
+                 VESK_ERR_ARGS);
+        return -1;
+    }
+    return 0;
+}
+
+/* The platform's record of the named user; NULL (logged) when it fails. */
+BwUserPtr UserByName(const char *szUserName)
+{
+    VESK_USER *pUser = NULL;
+    if (VESKUserGet(szUserName, &pUser) < 0) {
+        VESK_LOG("VESKUserGet failed. name:[%s] [0x%04X %s:%d]", szUserName, VESK_ERR_ARGS);
+        return BwUserPtr();
+    }
+    return BwUserPtr(pUser);
+}
+
+}  // namespace
+
+int VESKBandwidthStatusRemove(const VESK_BANDWIDTH_CONFIG *pConfig, unsigned int transfer_type)
+{
+    pid_t pid = getpid();
+
+    if (!VESK_ARG_OK(((void *)0) != pConfig)) {
+        return -1;
+    }
+    if (UserStatusRemove(pConfig->uid, pid, transfer_type) < 0) {
+        return -1;
+    }
+    if (0 == pConfig->blGroupConfExist) {
+        return 0;
+    }
+    for (int i = 0; i < pConfig->iLimitCount; i++) {
+        const VESK_BANDWIDTH_LIMIT *pLimit = &pConfig->pLimit[i];
+        if (VESK_BW_OWNER_USER == pLimit->iOwnerType || 0 == pLimit->ullOccupyShare) {
+            continue;
+        }
+        if (GroupStatusRemove(pLimit->id, pid, transfer_type) < 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int VESKBandwidthStatusRemoveByOccGroups(const unsigned int *pGroups, int iCount, unsigned int transfer_type)
+{
+    pid_t pid = getpid();
+
+    for (int i = 0; i < iCount; i++) {
+        if (GroupStatusRemove(pGroups[i], pid, transfer_type) < 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int VESKBandwidthStatusForceRemoveAllByUserName(const char *szUserName, unsigned int transfer_type, pid_t pid)
+{
+    if (!VESK_ARG_OK(((void *)0) != szUserName)) {
+        return -1;
+    }
+    BwUserPtr pUser = UserByName(szUserName);
+    if (!pUser) {
+        return -1;
+    }
+    return UserForceRemoveAll(pUser.get(), transfer_type, pid);
+}
+
+int VESKBandwidthStatusForceRemoveAllByUID(uid_t uid, unsigned int transfer_type)
+{
+    BwUserPtr pUser = BW_USER_GET_BY_UID(uid);
+    if (!pUser) {
+        return -1;
+    }
+    return UserForceRemoveAll(pUser.get(), transfer_type, getpid());
+}
+
+int VESKBandwidthStatusSetActiveByUserName(const char *szUserName, int transfer_type, pid_t pid, unsigned int active)
+{
+    if (!VESK_ARG_OK(((void *)0) != szUserName)) {
+        return -1;
+    }
+    BwUserPtr pUser = UserByName(szUserName);
+    if (!pUser) {
+        return -1;
+    }
+    VESK_BANDWIDTH_STATUS status;
+    memset(&status, 0, sizeof(status));
+    if (VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, pUser->uid, pid, transfer_type, &status) < 0) {
+        VESK_LOG("VESKBandwidthStatusGet failed. name:[%s] [0x%04X %s:%d]", szUserName, VESK_ERR_ARGS);
+        return -1;
+    }
+    status.active = active;
+    if (VESKBandwidthStatusSave(pUser->uid, NULL, &status) < 0) {
+        VESK_LOG("VESKBandwidthStatusSave failed. name:[%s] [0x%04X %s:%d]", szUserName, VESK_ERR_ARGS);
+        return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,59 @@
+// Test support: every test program runs inside vbw-sandbox (fresh /usr/vesk,
+// /tmp/bandwidth, /run, /etc accounts and /dev/log in private namespaces).
+// SandboxTest refuses to run outside it and captures the library's syslog lines.
+#ifndef VBW_TEST_H
+#define VBW_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+namespace vbw {
+
+// A datagram socket bound at /dev/log that collects every syslog line of this
+// process and of its children, with the "<pri>date tag: " prefix removed, so a
+// line reads "bandwidth_enum.cpp:42 glob failed, iProtocol=7".
+class LogCapture {
+public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    std::vector<std::string> Lines();               // all lines received so far
+    void Clear();
+    int Count(const std::string &substring);        // lines that contain the text
+    bool Contains(const std::string &substring) { return Count(substring) > 0; }
+    std::string Dump();                             // all lines, for failure messages
+
+private:
+    void Drain();
+    int fd_ = -1;
+    int wakePipe_[2] = {-1, -1};
+    std::thread reader_;
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+// Base fixture: checks that the test runs in the sandbox and captures the log.
+class SandboxTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    LogCapture log;
+};
+
+bool InSandbox();
+
+std::string ReadFile(const std::string &path);
+void WriteFile(const std::string &path, const std::string &content, mode_t mode = 0644);
+void MakeDirs(const std::string &path, mode_t mode = 0755);
+bool Exists(const std::string &path);
+
+}  // namespace vbw
+
+#endif

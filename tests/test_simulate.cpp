@@ -1,0 +1,231 @@
+// The transfer simulator, alone and as several processes sharing limits.
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <vector>
+
+#include "transfer_support.h"
+
+namespace {
+
+using vbw::kAlice;
+using vbw::kUsers;
+
+const int kFtp = VESK_BW_PROTOCOL_FTP;
+const int kDown = VESK_BW_TRANSFER_DOWNLOAD;
+
+class SimulateTest : public vbw::SandboxTest {
+protected:
+    // Global ftp record with alice's own download limit.
+    void LimitAlice(uint64_t downKBps)
+    {
+        ASSERT_NO_FATAL_FAILURE(vbw::StoreGlobal(kFtp, vbw::GlobalSpec()));
+        ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps));
+    }
+
+    // Group users limited to downKBps under group-only, every transfer
+    // occupying it.
+    void LimitUsersGroup(uint64_t downKBps)
+    {
+        vbw::GlobalSpec spec;
+        spec.userGroup = VESK_BW_POLICY_GROUP_ONLY;
+        spec.occupy = VESK_BW_OCCUPY_ALL;
+        ASSERT_NO_FATAL_FAILURE(vbw::StoreGlobal(kFtp, spec));
+        ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, downKBps));
+    }
+
+    bool HasEntry(const std::string &owner, unsigned int id, pid_t pid)
+    {
+        return vbw::HasSection(vbw::StatusFile(owner, id), vbw::SectionName(pid, kDown));
+    }
+
+    bool WaitForEntry(const std::string &owner, unsigned int id, pid_t pid)
+    {
+        return vbw::WaitUntil([&] { return HasEntry(owner, id, pid); }, 5000);
+    }
+};
+
+TEST_F(SimulateTest, UnknownUserOrEmptyTransfer)
+{
+    ASSERT_NO_FATAL_FAILURE(LimitAlice(64));
+    EXPECT_EQ(-1, VESKBandwidthSimulate("nosuchuser", kFtp, kDown, 64));
+    EXPECT_TRUE(log.Contains("VESKUserGetUGID failed. user:[nosuchuser]")) << log.Dump();
+    EXPECT_FALSE(vbw::Exists("/tmp/bandwidth"));
+
+    // Size 0: registered, then removed at once.
+    EXPECT_EQ(0, VESKBandwidthSimulate("alice", kFtp, kDown, 0)) << log.Dump();
+    EXPECT_TRUE(vbw::Exists(vbw::StatusFile("user", kAlice)));
+    EXPECT_FALSE(HasEntry("user", kAlice, getpid()));
+}
+
+// 1024 units are 16 chunks of 64 KiB; at 2 MiB/s they take half a second.
+// A watcher sees the progress that each pass publishes.
+TEST_F(SimulateTest, PlaysEveryChunkThroughTheSleepLoop)
+{
+    ASSERT_NO_FATAL_FAILURE(LimitAlice(2048));
+    const std::string file = vbw::StatusFile("user", kAlice);
+    const std::string section = vbw::SectionName(getpid(), kDown);
+    std::atomic<bool> done(false);
+    std::vector<int> seen;
+    std::thread watcher([&] {
+        while (!done) {
+            std::map<std::string, std::string> entry = vbw::ReadSection(file, section);
+            if (!entry.empty() && (seen.empty() || seen.back() != atoi(entry["progress"].c_str()))) {
+                seen.push_back(atoi(entry["progress"].c_str()));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
+    });
+    int64_t start = vbw::NowMs();
+    int rc = VESKBandwidthSimulate("alice", kFtp, kDown, 1024);
+    int64_t tookMs = vbw::NowMs() - start;
+    done = true;
+    watcher.join();
+
+    EXPECT_EQ(0, rc) << log.Dump();
+    EXPECT_GE(tookMs, 400);
+    EXPECT_LE(tookMs, 3000);
+    EXPECT_FALSE(HasEntry("user", kAlice, getpid()));
+    EXPECT_GE(seen.size(), 4u);
+    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+    for (int progress : seen) {
+        EXPECT_EQ(0, progress % 625) << progress;
+        EXPECT_LE(progress, 10000);
+    }
+}
+
+TEST_F(SimulateTest, TransfersUnderOneGroupShareItsLimit)
+{
+    const uint64_t fairBps = 256 * 1024;
+    ASSERT_NO_FATAL_FAILURE(LimitUsersGroup(3 * 256));
+    const char *users[] = {"alice", "bob", "carol"};
+    std::vector<pid_t> children;
+    for (const char *user : users) {
+        children.push_back(vbw::ForkSimulator(user, kFtp, kDown, 512));  // two seconds at the fair part
+    }
+
+    // Sample the group's file while the three run side by side.
+    std::map<unsigned int, std::vector<uint64_t>> speeds;
+    int samplesWithAll = 0;
+    for (int64_t end = vbw::NowMs() + 1700; vbw::NowMs() < end;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        VESK_BANDWIDTH_STATUS *list = NULL;
+        VESKBandwidthStatusGetAll(VESK_BW_OWNER_GROUP, kUsers, kFtp, kDown, &list);
+        std::map<unsigned int, uint64_t> sample;
+        for (VESK_BANDWIDTH_STATUS *p = list; NULL != p; p = p->pNext) {
+            sample[p->uid] = p->current_speed;
+        }
+        VESKBandwidthStatusListFree(&list);
+        if (3 == sample.size()) {
+            ++samplesWithAll;
+            for (const auto &entry : sample) {
+                speeds[entry.first].push_back(entry.second);
+            }
+        }
+    }
+    for (pid_t child : children) {
+        EXPECT_EQ(0, vbw::WaitExit(child, 10000));
+    }
+    EXPECT_GE(samplesWithAll, 3);
+    ASSERT_EQ(3u, speeds.size());
+    for (auto &entry : speeds) {
+        std::vector<uint64_t> &samples = entry.second;
+        std::sort(samples.begin(), samples.end());
+        uint64_t median = samples[samples.size() / 2];
+        EXPECT_GE(median, fairBps / 2) << "uid " << entry.first;
+        EXPECT_LE(median, fairBps * 3 / 2) << "uid " << entry.first;
+    }
+    for (pid_t child : children) {
+        EXPECT_FALSE(HasEntry("group", kUsers, child));
+    }
+}
+
+TEST_F(SimulateTest, DeactivatedTransferIsClosed)
+{
+    ASSERT_NO_FATAL_FAILURE(LimitAlice(128));
+    pid_t child = vbw::ForkSimulator("alice", kFtp, kDown, 64 * 100);  // fifty seconds if left alone
+    ASSERT_TRUE(WaitForEntry("user", kAlice, child));
+
+    // A save of the transfer overlapping ours can undo it; the next try heals that.
+    int status = -1;
+    for (int attempt = 0; attempt < 4 && -1 == status; ++attempt) {
+        ASSERT_EQ(0, VESKBandwidthStatusSetActiveByUserName("alice", kDown, child, 0)) << log.Dump();
+        status = vbw::WaitExit(child, attempt < 3 ? 1500 : 0);
+    }
+    EXPECT_EQ(1, status);
+    EXPECT_EQ(1, log.Count("Connection was closed. user:[alice] file:[/volume1/public/" + std::to_string(child) +
+                           "-4-2-6400] [0x0300"))
+        << log.Dump();
+}
+
+// Opens of the global configuration file, counted by inotify on its directory.
+class ConfigOpenCounter {
+public:
+    ConfigOpenCounter() : fd_(inotify_init1(IN_NONBLOCK))
+    {
+        EXPECT_GE(inotify_add_watch(fd_, "/usr/vesk/etc/bandwidth", IN_OPEN), 0);
+    }
+    ~ConfigOpenCounter() { close(fd_); }
+
+    int Count()
+    {
+        alignas(struct inotify_event) char buf[4096];
+        ssize_t n;
+        while ((n = read(fd_, buf, sizeof(buf))) > 0) {
+            for (char *p = buf; p < buf + n;) {
+                struct inotify_event *event = (struct inotify_event *)p;
+                if (event->len > 0 && 0 == strcmp(event->name, "bandwidth.global.conf")) {
+                    ++opens_;
+                }
+                p += sizeof(struct inotify_event) + event->len;
+            }
+        }
+        return opens_;
+    }
+
+private:
+    int fd_;
+    int opens_ = 0;
+};
+
+TEST_F(SimulateTest, HangupMakesExactlyOneReload)
+{
+    ASSERT_NO_FATAL_FAILURE(LimitAlice(256));
+    vbw::InstallKillallStandIn();
+    ConfigOpenCounter opens;
+    pid_t child = vbw::ForkSimulator("alice", kFtp, kDown, 64 * 40);
+    ASSERT_TRUE(WaitForEntry("user", kAlice, child));
+    int perBuild = opens.Count();
+    ASSERT_GT(perBuild, 0);
+
+    EXPECT_EQ(0, VESKBandwidthHupSimulator());
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));  // several passes
+    EXPECT_EQ(2 * perBuild, opens.Count());
+    EXPECT_EQ("-sighup veskbandwidth\n", vbw::ReadFile("/tmp/killall.args"));
+    EXPECT_TRUE(HasEntry("user", kAlice, child));  // still transferring
+    EXPECT_EQ(-1, vbw::WaitExit(child, 0));
+}
+
+// Disabling the protocol signals the simulators; the reload withdraws the
+// transfer's entries, group copies included, and the rest runs unthrottled.
+TEST_F(SimulateTest, LimitSwitchedOffByAdministrator)
+{
+    ASSERT_NO_FATAL_FAILURE(LimitUsersGroup(256));
+    vbw::InstallKillallStandIn();
+    pid_t child = vbw::ForkSimulator("alice", kFtp, kDown, 64 * 40);  // ten seconds if left alone
+    ASSERT_TRUE(WaitForEntry("group", kUsers, child));
+    ASSERT_TRUE(HasEntry("user", kAlice, child));
+
+    VESK_BANDWIDTH_GLOBAL_CONF off;
+    ASSERT_EQ(0, VESKBandwidthGlobalConfGet(kFtp, &off));
+    off.iState = VESK_BW_STATE_DISABLED;
+    ASSERT_EQ(0, VESKBandwidthGlobalConfSet(&off));
+    EXPECT_EQ(0, vbw::WaitExit(child, 3000)) << log.Dump();
+    EXPECT_FALSE(HasEntry("group", kUsers, child));
+    EXPECT_FALSE(HasEntry("user", kAlice, child));
+}
+
+}  // namespace

@@ -1,0 +1,224 @@
+// Saving, registering and reading back a transfer's status in the shared
+// status files of its user and of the groups it occupies.
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "vbw_test.h"
+#include "vbw_throttle_fixture.h"
+#include "veskbandwidth.h"
+
+namespace {
+
+const char kUserFile[] = "/tmp/bandwidth/user-1026";
+
+class StatusSaveTest : public vbw::SandboxTest {
+protected:
+    void SetUp() override
+    {
+        SandboxTest::SetUp();
+        umask(022);
+        memset(&config, 0, sizeof(config));
+        config.uid = 1026;
+        config.globalConf.iState = config.globalConf.iCurState = VESK_BW_STATE_ENABLED;
+        config.globalConf.iProtocol = VESK_BW_PROTOCOL_FTP;
+        config.globalConf.iUserGroupPolicy = VESK_BW_POLICY_MIN;
+        config.globalConf.iInterGroupPolicy = VESK_BW_POLICY_MIN;
+        memset(&status, 0, sizeof(status));
+        status.pid = getpid();
+        status.id = status.uid = 1026;
+        status.active = 1;
+        status.timestamp = time(NULL);
+        status.current_speed = 1000;
+        status.expect_speed = 2000;
+        strcpy(status.filename, "/share/a.iso");
+        status.owner_type = VESK_BW_OWNER_USER;
+        status.protocol_type = VESK_BW_PROTOCOL_FTP;
+        status.transfer_type = VESK_BW_TRANSFER_DOWNLOAD;
+    }
+    void TearDown() override { free(config.pLimit); }
+
+    void Use(const std::vector<VESK_BANDWIDTH_LIMIT> &limits)
+    {
+        config.iLimitCount = (int)limits.size();
+        config.pLimit = (VESK_BANDWIDTH_LIMIT *)calloc(limits.size(), sizeof(VESK_BANDWIDTH_LIMIT));
+        std::copy(limits.begin(), limits.end(), config.pLimit);
+    }
+    // The umask must be what the test set, whatever the library did meanwhile.
+    void ExpectUmaskKept() { EXPECT_EQ(022u, umask(022)); }
+    std::map<std::string, std::string> Own(const std::string &file)
+    {
+        return vbw::ReadSections(file)[vbw::SectionName(getpid(), VESK_BW_TRANSFER_DOWNLOAD)];
+    }
+
+    VESK_BANDWIDTH_CONFIG config;
+    VESK_BANDWIDTH_STATUS status;
+};
+
+VESK_BANDWIDTH_LIMIT Occupied(int owner_type, unsigned id, uint64_t share, uint64_t maxSpeed)
+{
+    VESK_BANDWIDTH_LIMIT limit = vbw::Limit(owner_type, id, 0, 100);
+    limit.ullOccupyShare = share;
+    limit.ullMaxSpeedBps = maxSpeed;
+    return limit;
+}
+
+TEST_F(StatusSaveTest, FirstSaveCreatesTheDirectoryAndTheUserFile)
+{
+    const VESK_BANDWIDTH_STATUS before = status;
+    ASSERT_EQ(0, VESKBandwidthStatusSave(1026, NULL, &status)) << log.Dump();
+    ExpectUmaskKept();
+    struct stat st;
+    ASSERT_EQ(0, stat("/tmp/bandwidth", &st));
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(0777u, st.st_mode & 07777);
+    ASSERT_EQ(0, stat(kUserFile, &st));
+    EXPECT_EQ(0666u, st.st_mode & 07777);  // shared by every process of the user
+    const std::string header = "[" + vbw::SectionName(getpid(), VESK_BW_TRANSFER_DOWNLOAD) + "]\n";
+    EXPECT_EQ("\n" + header, vbw::ReadFile(kUserFile).substr(0, header.size() + 1));
+    std::map<std::string, std::string> own = Own(kUserFile);
+    EXPECT_EQ("1000", own["current speed"]);
+    EXPECT_EQ("user", own["owner type"]);
+    EXPECT_EQ("/share/a.iso", own["filename"]);
+    EXPECT_EQ(0, memcmp(&before, &status, sizeof(status)));
+}
+
+TEST_F(StatusSaveTest, GroupCopiesAreScaledByTheShare)
+{
+    Use({Occupied(VESK_BW_OWNER_USER, 1026, 10000, 1), Occupied(VESK_BW_OWNER_GROUP, 100, 5000, 300000),
+         Occupied(VESK_BW_OWNER_GROUP, 101, 0, 1), Occupied(VESK_BW_OWNER_GROUP, 103, 10000, 0)});
+    ASSERT_EQ(0, VESKBandwidthStatusSave(1026, &config, &status));
+    EXPECT_FALSE(vbw::Exists("/tmp/bandwidth/group-100"));  // no group record in the configuration
+
+    const VESK_BANDWIDTH_STATUS before = status;
+    config.blGroupConfExist = 1;
+    ASSERT_EQ(0, VESKBandwidthStatusSave(1026, &config, &status)) << log.Dump();
+    std::map<std::string, std::string> copy = Own("/tmp/bandwidth/group-100");
+    EXPECT_EQ("500", copy["current speed"]);
+    EXPECT_EQ("300000", copy["expect speed"]);
+    EXPECT_EQ("group", copy["owner type"]);
+    EXPECT_EQ("100", copy["id"]);
+    EXPECT_EQ("1026", copy["uid"]);
+    copy = Own("/tmp/bandwidth/group-103");
+    EXPECT_EQ("1000", copy["current speed"]);
+    EXPECT_EQ("0", copy["expect speed"]);
+    EXPECT_FALSE(vbw::Exists("/tmp/bandwidth/group-101"));
+    EXPECT_EQ(1u, vbw::ReadSections(kUserFile).size());
+    EXPECT_EQ(0, memcmp(&before, &status, sizeof(status)));
+}
+
+TEST_F(StatusSaveTest, FailedGroupCopyStillSetsTheRecordBack)
+{
+    Use({Occupied(VESK_BW_OWNER_GROUP, 100, 5000, 300000)});
+    config.blGroupConfExist = 1;
+    vbw::MakeDirs("/tmp/bandwidth/group-100", 0777);  // cannot be rewritten as a file
+    const VESK_BANDWIDTH_STATUS before = status;
+    EXPECT_EQ(-1, VESKBandwidthStatusSave(1026, &config, &status));
+    EXPECT_TRUE(log.Contains("Save record for uid: [1026], section:[" +
+                             vbw::SectionName(getpid(), VESK_BW_TRANSFER_DOWNLOAD) + "] failed."))
+        << log.Dump();
+    EXPECT_EQ(0, memcmp(&before, &status, sizeof(status)));
+    EXPECT_EQ("1000", Own(kUserFile)["current speed"]);  // the user's copy was written first
+    ExpectUmaskKept();
+}
+
+TEST_F(StatusSaveTest, FileInPlaceOfTheDirectoryFailsEverySave)
+{
+    vbw::WriteFile("/tmp/bandwidth", "not a directory");
+    EXPECT_EQ(-1, VESKBandwidthStatusSave(1026, NULL, &status));
+    EXPECT_TRUE(log.Contains("VESKFSMkdirP failed. [/tmp/bandwidth/]")) << log.Dump();
+    ExpectUmaskKept();
+    EXPECT_EQ(-1, VESKBandwidthStatusSave((uid_t)-1, NULL, &status));
+    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
+}
+
+TEST_F(StatusSaveTest, InitWritesOnlyALimitedTransfer)
+{
+    VESK_BANDWIDTH_STATUS fresh;
+    memset(&fresh, 0, sizeof(fresh));
+    fresh.current_speed = 9;
+    int64_t when = 42;
+    Use({vbw::Limit(VESK_BW_OWNER_USER, 1026, 0, 512)});
+    config.globalConf.iState = VESK_BW_STATE_DISABLED;
+    ASSERT_EQ(0, VESKBandwidthStatusInit(&config, VESK_BW_TRANSFER_DOWNLOAD, "/share/b.iso", &when, &fresh));
+    EXPECT_EQ(getpid(), fresh.pid);
+    EXPECT_EQ(1026u, fresh.id);
+    EXPECT_EQ(1026u, fresh.uid);
+    EXPECT_EQ(1u, fresh.active);
+    EXPECT_EQ(VESK_BW_OWNER_USER, fresh.owner_type);
+    EXPECT_EQ(VESK_BW_PROTOCOL_FTP, fresh.protocol_type);
+    EXPECT_STREQ("/share/b.iso", fresh.filename);
+    EXPECT_EQ(9u, fresh.current_speed);
+    EXPECT_EQ(42, when);
+    EXPECT_FALSE(vbw::Exists("/tmp/bandwidth"));
+
+    config.globalConf.iState = VESK_BW_STATE_ENABLED;
+    config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_DOWNLOAD] = 0;  // unlimited by the policies
+    ASSERT_EQ(0, VESKBandwidthStatusInit(&config, VESK_BW_TRANSFER_DOWNLOAD, "/share/b.iso", &when, &fresh));
+    EXPECT_EQ(42, when);
+    EXPECT_FALSE(vbw::Exists("/tmp/bandwidth"));
+
+    config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_DOWNLOAD] = 512;
+    for (int i = 0; i < 2; i++) {
+        int64_t start = VESKBandwidthCurrTimeGet();
+        ASSERT_EQ(0, VESKBandwidthStatusInit(&config, VESK_BW_TRANSFER_DOWNLOAD, "/share/b.iso", &when, &fresh));
+        EXPECT_LE(start, when);
+        EXPECT_LE(when, VESKBandwidthCurrTimeGet());
+    }
+    EXPECT_EQ(524288u, fresh.current_speed);
+    EXPECT_EQ(1u, vbw::ReadSections(kUserFile).size());  // the second registration replaced the first
+    std::map<std::string, std::string> own = Own(kUserFile);
+    EXPECT_EQ("524288", own["current speed"]);
+    EXPECT_EQ("524288", own["expect speed"]);
+    EXPECT_EQ("0", own["progress"]);
+}
+
+TEST_F(StatusSaveTest, InitCutsTheFileNameAndChecksItsArguments)
+{
+    int64_t when = 0;
+    const std::string longName(5000, 'n');
+    VESK_BANDWIDTH_STATUS fresh;
+    ASSERT_EQ(0, VESKBandwidthStatusInit(&config, VESK_BW_TRANSFER_UPLOAD, longName.c_str(), &when, &fresh));
+    EXPECT_EQ(longName.substr(0, 4095), fresh.filename);
+    EXPECT_EQ(-1, VESKBandwidthStatusInit(&config, VESK_BW_TRANSFER_UPLOAD, NULL, &when, &fresh));
+    EXPECT_TRUE(log.Contains("Invaild Argument (((void *)0) != szFileName)=[0]")) << log.Dump();
+}
+
+TEST_F(StatusSaveTest, GetReadsOneSectionOverTheCallersRecord)
+{
+    ASSERT_EQ(0, VESKBandwidthStatusSave(1026, NULL, &status));
+    VESK_BANDWIDTH_STATUS back;
+    memset(&back, 0x5a, sizeof(back));
+    ASSERT_EQ(0, VESKBandwidthStatusGet(VESK_BW_OWNER_USER, 1026, VESK_BW_TRANSFER_DOWNLOAD, &back));
+    EXPECT_EQ((void *)0x5a5a5a5a5a5a5a5aULL, (void *)back.pNext);
+    back.pNext = NULL;
+    EXPECT_EQ(0, memcmp(&status, &back, offsetof(VESK_BANDWIDTH_STATUS, filename)));
+    EXPECT_STREQ(status.filename, back.filename);
+    EXPECT_EQ(status.transfer_type, back.transfer_type);
+
+    // A key missing from the section leaves the field as the caller had it.
+    vbw::WriteFile(kUserFile, "[4242-2]\npid=4242\ncurrent speed=7\n", 0666);
+    strcpy(back.filename, "kept");
+    ASSERT_EQ(0, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4242, VESK_BW_TRANSFER_DOWNLOAD, &back));
+    EXPECT_EQ(7u, back.current_speed);
+    EXPECT_STREQ("kept", back.filename);
+}
+
+TEST_F(StatusSaveTest, GetFailures)
+{
+    vbw::WriteStatusFile("user", 1026, {{4242, 1026}});
+    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4243, VESK_BW_TRANSFER_DOWNLOAD, &status));
+    EXPECT_TRUE(log.Contains("Get section [4243-2] from [/tmp/bandwidth/user-1026] failed.")) << log.Dump();
+    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1027, 4242, VESK_BW_TRANSFER_DOWNLOAD, &status));
+    EXPECT_TRUE(log.Contains("File [/tmp/bandwidth/user-1027] doesn't exist.")) << log.Dump();
+    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4242, VESK_BW_TRANSFER_ALL, &status));
+    EXPECT_TRUE(log.Contains("Invaild Argument (VESK_BW_TRANSFER_ALL != transfer_type)=[0]")) << log.Dump();
+    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, -1, VESK_BW_TRANSFER_DOWNLOAD, &status));
+    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
+    EXPECT_EQ(1026u, status.id);
+}
+
+}  // namespace

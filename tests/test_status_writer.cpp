@@ -1,0 +1,383 @@
+// The status file writer: replace, remove and append of one section, with the
+// bytes outside the section kept, modes and the file-creation mask, symbolic
+// links never followed, and concurrent writers and readers of one file.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "vbw_test.h"
+#include "veskbandwidth.h"
+#include "vesk_file.h"
+
+namespace {
+
+const std::string kDir = "/tmp/bandwidth/";
+const std::string kFile = kDir + "user-1026";
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+class StatusWriterTest : public vbw::SandboxTest {
+protected:
+    void SetUp() override
+    {
+        vbw::SandboxTest::SetUp();
+        vbw::MakeDirs(kDir, 0777);
+        hash_ = VLIBCSzHashAlloc(16);
+        ASSERT_NE(nullptr, hash_);
+    }
+    void TearDown() override { VLIBCSzHashFree(hash_); }
+
+    VLIBC_SZHASH *Hash(const Pairs &pairs)
+    {
+        VLIBCHashRemoveAll(hash_);
+        for (const auto &pair : pairs) {
+            EXPECT_LE(0, VLIBCSzHashSetValue(&hash_, pair.first.c_str(), pair.second.c_str()));
+        }
+        return hash_;
+    }
+
+    // What the platform writes for a section, so that the expectations hold
+    // whatever its exact pair syntax.
+    static std::string SectionText(const char *section, const VLIBC_SZHASH *hash)
+    {
+        char *text = nullptr;
+        size_t size = 0;
+        FILE *fp = open_memstream(&text, &size);
+        EXPECT_EQ(0, VLIBCFileHash2File(fp, section, hash, 0));
+        fclose(fp);
+        std::string result(text, size);
+        free(text);
+        return result;
+    }
+
+    // Names in the status directory, sorted.
+    static std::vector<std::string> DirEntries()
+    {
+        std::vector<std::string> names;
+        DIR *dir = opendir(kDir.c_str());
+        for (dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
+            if (entry->d_name[0] != '.') {
+                names.push_back(entry->d_name);
+            }
+        }
+        if (dir != nullptr) {
+            closedir(dir);
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    static struct stat Stat(const std::string &path)
+    {
+        struct stat st = {};
+        EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
+        return st;
+    }
+
+    VLIBC_SZHASH *hash_ = nullptr;
+};
+
+// Three sections, comments, blank and unknown lines, a line longer than any
+// stdio buffer, and a last line without its newline.
+const std::string kLongLine = "x" + std::string(70000, 'y') + "\n";
+const std::string kHead = "# status file\n" + kLongLine + "\n[100-1]\na=1\n\n";
+const std::string kMiddle = "[200-2]\n; kept note\nb=2\n\n";
+const std::string kTail = "[300-1]\nc=3";
+
+TEST_F(StatusWriterTest, ReplaceKeepsEveryByteOutsideTheSection)
+{
+    vbw::WriteFile(kFile, kHead + kMiddle + kTail, 0666);
+    VLIBC_SZHASH *hash = Hash({{"current speed", "512"}, {"filename", "/a b.iso"}});
+
+    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "200-2", hash)) << log.Dump();
+    EXPECT_EQ(kHead + SectionText("200-2", hash) + "; kept note\n" + kTail, vbw::ReadFile(kFile));
+    EXPECT_EQ(std::vector<std::string>{"user-1026"}, DirEntries());
+}
+
+TEST_F(StatusWriterTest, RemoveDropsPairsAndBlankLinesButKeepsComments)
+{
+    vbw::WriteFile(kFile, kHead + kMiddle + kTail, 0666);
+
+    EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "200-2"));
+    EXPECT_EQ(kHead + "; kept note\n" + kTail, vbw::ReadFile(kFile));
+    EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "300-1"));
+    EXPECT_EQ(kHead + "; kept note\n", vbw::ReadFile(kFile));
+}
+
+TEST_F(StatusWriterTest, SectionPresentTwiceIsReplacedOrRemovedAtBothPlaces)
+{
+    const std::string content = "[7-1]\na=1\n[8-1]\nb=2\n[7-1]\na=3\n";
+    vbw::WriteFile(kFile, content, 0666);
+    VLIBC_SZHASH *hash = Hash({{"a", "9"}});
+    const std::string section = SectionText("7-1", hash);
+
+    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "7-1", hash));
+    EXPECT_EQ(section + "[8-1]\nb=2\n" + section, vbw::ReadFile(kFile));
+    EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "7-1"));
+    EXPECT_EQ("[8-1]\nb=2\n", vbw::ReadFile(kFile));
+}
+
+TEST_F(StatusWriterTest, MissingSectionRewritesSameBytesIntoANewInode)
+{
+    const std::string content = kHead + kTail;
+    vbw::WriteFile(kFile, content, 0640);
+    ASSERT_EQ(0, chown(kFile.c_str(), 1026, 100));
+    struct stat before = Stat(kFile);
+    umask(022);
+
+    EXPECT_EQ(0, VESKBandwidthStatusSetSection(kFile.c_str(), "999-2", Hash({{"a", "1"}})));
+    EXPECT_EQ(BW_ERR_NOT_FOUND, VLIBCErrGet());
+    EXPECT_EQ(0, VESKBandwidthStatusRemoveSection(kFile.c_str(), "999-2"));
+    EXPECT_EQ(BW_ERR_NOT_FOUND, VLIBCErrGet());
+
+    struct stat after = Stat(kFile);
+    EXPECT_EQ(content, vbw::ReadFile(kFile));
+    EXPECT_NE(before.st_ino, after.st_ino);
+    EXPECT_EQ(0u, after.st_uid);  // the rewriting process owns the new file
+    EXPECT_EQ(0640u, after.st_mode & 07777);
+    EXPECT_EQ(022u, umask(022));
+}
+
+TEST_F(StatusWriterTest, ModeSurvivesAndMaskIsRestored)
+{
+    for (mode_t mode : {0666, 0600, 0644}) {
+        vbw::WriteFile(kFile, "[1-1]\na=1\n", 0600);
+        ASSERT_EQ(0, chmod(kFile.c_str(), mode));
+        umask(027);
+        EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "1-1", Hash({{"a", "2"}})));
+        EXPECT_EQ(mode, Stat(kFile).st_mode & 07777);
+        EXPECT_EQ(027u, umask(027));
+    }
+}
+
+TEST_F(StatusWriterTest, MaskIsRestoredWhenTheTemporaryFileCannotBeCreated)
+{
+    vbw::WriteFile(kFile, "[1-1]\na=1\n", 0666);
+    ASSERT_EQ(0, chmod(kDir.c_str(), 0755));  // only root may create files here
+    pid_t child = fork();
+    ASSERT_LE(0, child);
+    if (child == 0) {
+        if (setuid(1026) != 0) {
+            _exit(10);
+        }
+        umask(023);
+        int result = VESKBandwidthStatusSetSection(kFile.c_str(), "1-1", hash_);
+        if (result != -1 || VLIBCErrGet() != BW_ERR_FILE_OPEN) {
+            _exit(11);
+        }
+        _exit(umask(0) == 023 ? 0 : 12);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    EXPECT_EQ("[1-1]\na=1\n", vbw::ReadFile(kFile));
+    EXPECT_EQ(std::vector<std::string>{"user-1026"}, DirEntries());
+}
+
+TEST_F(StatusWriterTest, RewriteNeedsARegularFile)
+{
+    vbw::MakeDirs(kDir + "user-1027");
+    for (const std::string &path : {kFile, kDir + "user-1027"}) {
+        EXPECT_EQ(-1, VESKBandwidthStatusSetSection(path.c_str(), "1-1", Hash({{"a", "1"}}))) << path;
+        EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet()) << path;
+        EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(path.c_str(), "1-1")) << path;
+        EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet()) << path;
+    }
+    EXPECT_EQ(std::vector<std::string>{"user-1027"}, DirEntries());
+
+    EXPECT_EQ(-1, VESKBandwidthStatusSetSection(nullptr, "1-1", hash_));
+    EXPECT_TRUE(log.Contains("Invaild Argument (((void *)0) != szFile)=[0]")) << log.Dump();
+    EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(kFile.c_str(), nullptr));
+    EXPECT_TRUE(log.Contains("Invaild Argument (NULL != szSection)=[0]")) << log.Dump();
+    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
+}
+
+TEST_F(StatusWriterTest, AppendSeparatesTheNewSectionByOneNewline)
+{
+    VLIBC_SZHASH *hash = Hash({{"a", "1"}});
+    const std::string section = SectionText("5-2", hash);
+    umask(0);
+
+    EXPECT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash));  // missing: created
+    EXPECT_EQ("\n" + section, vbw::ReadFile(kFile));
+    EXPECT_EQ(0666u, Stat(kFile).st_mode & 07777);
+
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"", "\n"}, {"[1-1]\nb=2\n", "[1-1]\nb=2\n"}, {"[1-1]\nb=2", "[1-1]\nb=2\n"}};
+    for (const auto &c : cases) {
+        vbw::WriteFile(kFile, c.first, 0666);
+        EXPECT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash)) << c.first;
+        EXPECT_EQ(c.second + section, vbw::ReadFile(kFile)) << c.first;
+    }
+}
+
+TEST_F(StatusWriterTest, AppendLeavesAnExistingSectionAlone)
+{
+    const std::string content = "[1-1]\nb=2\n[5-2]\nold=1";
+    vbw::WriteFile(kFile, content, 0666);
+
+    EXPECT_EQ(0, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", Hash({{"a", "1"}})));
+    EXPECT_EQ(content, vbw::ReadFile(kFile));
+
+    log.Clear();
+    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", nullptr));
+    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
+    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(nullptr, "5-2", hash_));
+    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(kDir.c_str(), "5-2", hash_));
+    EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
+    EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+}
+
+TEST_F(StatusWriterTest, SymbolicLinkAtTheStatusPathIsNeverFollowed)
+{
+    const std::string target = "/tmp/victim";
+    const std::string content = "[5-2]\nsecret=1\n";
+    vbw::WriteFile(target, content, 0644);
+    ASSERT_EQ(0, symlink(target.c_str(), kFile.c_str()));
+    ASSERT_EQ(0, symlink("/tmp/created-through-link", (kDir + "user-1027").c_str()));
+    VLIBC_SZHASH *hash = Hash({{"a", "1"}});
+
+    EXPECT_EQ(-1, VESKBandwidthStatusSetSection(kFile.c_str(), "5-2", hash));
+    EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
+    EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "5-2"));
+    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(kFile.c_str(), "6-1", hash));
+    EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
+    EXPECT_EQ(-1, VESKBandwidthStatusAddSection((kDir + "user-1027").c_str(), "6-1", hash));
+
+    EXPECT_EQ(content, vbw::ReadFile(target));
+    EXPECT_TRUE(S_ISLNK(Stat(kFile).st_mode));
+    EXPECT_FALSE(vbw::Exists("/tmp/created-through-link"));
+    EXPECT_EQ((std::vector<std::string>{"user-1026", "user-1027"}), DirEntries());
+}
+
+// A status record of writer w at the given round, as its section's hash.
+VLIBC_SZHASH *StatusHash(VLIBC_SZHASH **hash, int w, int round)
+{
+    VESK_BANDWIDTH_STATUS status = {};
+    status.pid = 1000 + w;
+    status.id = status.uid = 1026;
+    status.active = 1;
+    status.timestamp = time(nullptr);
+    status.current_speed = status.expect_speed = 1024u * (unsigned)round;
+    snprintf(status.filename, sizeof status.filename, "/share/file-%d", status.pid);
+    status.owner_type = VESK_BW_OWNER_USER;
+    status.protocol_type = VESK_BW_PROTOCOL_FTP;
+    status.transfer_type = VESK_BW_TRANSFER_UPLOAD;
+    status.progress = (uint32_t)round;
+    return VESKBandwidthInitHashFromStatus(hash, &status) == 0 ? *hash : nullptr;
+}
+
+// True when every section header of the file is followed by its twelve pairs.
+bool FileIsWhole(const std::string &content, int sectionsWanted)
+{
+    int sections = 0, pairs = 0;
+    for (size_t at = 0; at < content.size();) {
+        size_t end = content.find('\n', at);
+        if (end == std::string::npos) {
+            return false;  // a file of this test always ends with a newline
+        }
+        std::string line = content.substr(at, end + 1 - at);
+        if (VLIBCIFileIsSection(line.c_str(), line.size())) {
+            if (sections > 0 && pairs != 12) {
+                return false;
+            }
+            ++sections;
+            pairs = 0;
+        } else if (line.find('=') != std::string::npos) {
+            ++pairs;
+        }
+        at = end + 1;
+    }
+    return sections == sectionsWanted && pairs == 12;
+}
+
+// True when the enumeration lists every writer's record, each whole.
+bool ListIsWhole(int writers)
+{
+    VESK_BANDWIDTH_STATUS *list = nullptr;
+    int count = VESKBandwidthIStatusGetAll(kFile.c_str(), VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_ALL, &list, 0);
+    bool whole = count == writers;
+    for (VESK_BANDWIDTH_STATUS *p = list; p != nullptr; p = p->pNext) {
+        whole = whole && p->uid == 1026 && p->filename == "/share/file-" + std::to_string(p->pid);
+    }
+    VESKBandwidthStatusListFree(&list);
+    return whole;
+}
+
+// Writers save their own sections over and over while readers read the file
+// whole and enumerate it: no reader ever meets a torn file, and no temporary
+// file stays behind.
+TEST_F(StatusWriterTest, ConcurrentWritersNeverShowATornFile)
+{
+    const int kWriters = 4, kReaders = 3, kRounds = 150;
+    umask(0);
+    for (int w = 0; w < kWriters; ++w) {
+        std::string section = std::to_string(1000 + w) + "-1";
+        ASSERT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), section.c_str(), StatusHash(&hash_, w, 0)));
+    }
+    auto *stop = static_cast<volatile int *>(
+        mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(MAP_FAILED, (void *)stop);
+    *stop = 0;
+
+    std::vector<pid_t> writers, readers;
+    for (int w = 0; w < kWriters; ++w) {
+        pid_t pid = fork();
+        ASSERT_LE(0, pid);
+        if (pid == 0) {
+            std::string section = std::to_string(1000 + w) + "-1";
+            for (int round = 1; round <= kRounds; ++round) {
+                if (VESKBandwidthStatusSetSection(kFile.c_str(), section.c_str(), StatusHash(&hash_, w, round)) != 1) {
+                    _exit(1);
+                }
+            }
+            _exit(0);
+        }
+        writers.push_back(pid);
+    }
+    for (int r = 0; r < kReaders; ++r) {
+        pid_t pid = fork();
+        ASSERT_LE(0, pid);
+        if (pid == 0) {
+            for (int reads = 0; *stop == 0 || reads == 0; ++reads) {
+                if (!FileIsWhole(vbw::ReadFile(kFile), kWriters)) {
+                    _exit(2);
+                }
+                if (!ListIsWhole(kWriters)) {
+                    _exit(3);
+                }
+            }
+            _exit(0);
+        }
+        readers.push_back(pid);
+    }
+    auto expectClean = [](pid_t pid) {
+        int status = 0;
+        ASSERT_EQ(pid, waitpid(pid, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+    };
+    for (pid_t pid : writers) {
+        expectClean(pid);
+    }
+    *stop = 1;
+    for (pid_t pid : readers) {
+        expectClean(pid);
+    }
+    munmap((void *)stop, sizeof(int));
+    EXPECT_TRUE(FileIsWhole(vbw::ReadFile(kFile), kWriters));
+    EXPECT_EQ(std::vector<std::string>{"user-1026"}, DirEntries());
+}
+
+}  // namespace
