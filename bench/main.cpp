@@ -116,10 +116,11 @@ void PrintSummary(const Figures &f)
                 f.machine.kernel.c_str());
 
     std::printf("Accuracy: one download, user limit, 64 KiB chunks (target ratio 0.99..1.01)\n");
-    std::printf("  %14s %16s %8s %7s %8s\n", "limit B/s", "achieved B/s", "ratio", "seconds", "target");
+    std::printf("  %14s %16s %8s %7s %14s %8s\n", "limit B/s", "achieved B/s", "ratio", "seconds", "lost us/pass",
+                "target");
     for (const AccuracyResult &a : f.accuracy) {
-        std::printf("  %14llu %16.0f %8.4f %7.2f %8s\n", static_cast<unsigned long long>(a.limitBps), a.achievedBps,
-                    a.ratio, a.wallSeconds, Verdict(a.ratio >= 0.99 && a.ratio <= 1.01));
+        std::printf("  %14llu %16.0f %8.4f %7.2f %14.1f %8s\n", static_cast<unsigned long long>(a.limitBps),
+                    a.achievedBps, a.ratio, a.wallSeconds, a.lostUsPerPass, Verdict(a.ratio >= 0.99 && a.ratio <= 1.01));
     }
 
     const SharingResult &s = f.sharing;
@@ -175,8 +176,9 @@ void PrintJson(const Figures &f)
     std::printf(" \"accuracy\": [");
     for (int i = 0; i < 2; ++i) {
         const AccuracyResult &a = f.accuracy[i];
-        std::printf("%s{\"limit_bps\": %llu, \"achieved_bps\": %.1f, \"ratio\": %.6f}", i ? ", " : "",
-                    static_cast<unsigned long long>(a.limitBps), a.achievedBps, a.ratio);
+        std::printf("%s{\"limit_bps\": %llu, \"achieved_bps\": %.1f, \"ratio\": %.6f, \"lost_us_per_pass\": %.1f}",
+                    i ? ", " : "", static_cast<unsigned long long>(a.limitBps), a.achievedBps, a.ratio,
+                    a.lostUsPerPass);
     }
     const SharingResult &s = f.sharing;
     std::printf("],\n \"sharing\": {\"limit_bps\": %llu, \"aggregate_bps\": %.1f, \"ratio\": %.6f, \"jain\": %.6f, "

@@ -1,7 +1,7 @@
 // vbw-microbench: the hot calls of every sleep-loop pass (reading one
 // section, enumerating a status file, saving a record) as a user's status
 // file grows from 1 to 256 sections, with the plain read and atomic rewrite
-// of the same file as the floor.  Runs itself in the private sandbox; takes
+// of the same file as the floor, and whole passes as a group's file grows.  Runs itself in the private sandbox; takes
 // Google Benchmark's options (--benchmark_filter=..., --benchmark_format=json).
 #include "bench_support.h"
 
@@ -80,11 +80,32 @@ void BM_PlainReadAndRewrite(benchmark::State &state)
     RunOnFile(state, [&path](const VESK_BANDWIDTH_STATUS &, int) { PlainReadAndRewrite(path); });
 }
 
+// A whole sleep-loop pass that does not sleep, with `entries` fresh transfers
+// in the group status file (as vbw-bench's pass cost).
+void BM_SleepLoopPass(benchmark::State &state)
+{
+    int entries = static_cast<int>(state.range(0));
+    try {
+        ClearStatusFiles();
+        ConfigureGroupLimit(kGroup, kUnreachableKBps);
+        SaveOtherTransfers(kGroup, entries - 1);
+        Transfer transfer(kUid);
+        transfer.Register();
+        for (auto _ : state) {
+            transfer.Pass(0);
+        }
+    } catch (const std::exception &e) {
+        state.SkipWithError(e.what());
+    }
+    state.SetComplexityN(entries);
+}
+
 #define VBW_FILE_SIZES RangeMultiplier(4)->Range(1, 256)->Complexity()
 BENCHMARK(BM_ReadSection)->VBW_FILE_SIZES;
 BENCHMARK(BM_EnumerateFile)->VBW_FILE_SIZES;
 BENCHMARK(BM_SaveRecord)->VBW_FILE_SIZES;
 BENCHMARK(BM_PlainReadAndRewrite)->VBW_FILE_SIZES;
+BENCHMARK(BM_SleepLoopPass)->VBW_FILE_SIZES;
 
 }  // namespace
 

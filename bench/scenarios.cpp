@@ -128,6 +128,9 @@ AccuracyResult MeasureAccuracy(uint64_t limitKBps, double seconds)
     result.limitBps = limitKBps * 1024;
     result.achievedBps = static_cast<double>(result.bytes) / result.wallSeconds;
     result.ratio = result.achievedBps / static_cast<double>(result.limitBps);
+    double passes = static_cast<double>(result.bytes / kChunkBytes);
+    double chunkUs = static_cast<double>(kChunkBytes) * 1e6 / static_cast<double>(result.limitBps);
+    result.lostUsPerPass = result.wallSeconds * 1e6 / passes - chunkUs;
     return result;
 }
 

@@ -28,6 +28,7 @@ struct AccuracyResult {
     double wallSeconds;
     double achievedBps;
     double ratio;
+    double lostUsPerPass;  // how much longer a pass took than its chunk's time at the limit
 };
 AccuracyResult MeasureAccuracy(uint64_t limitKBps, double seconds);
 

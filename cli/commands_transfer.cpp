@@ -73,6 +73,9 @@ int WatchSimulation(const TransferSpec &spec, pid_t child, uint64_t bytes)
         int status = 0;
         if (waitpid(child, &status, WNOHANG) == child) {
             if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+                // A failed simulator leaves its entries behind; it saves no more.
+                VESKBandwidthStatusForceRemoveAllByUserName(spec.user.name.c_str(),
+                                                            static_cast<unsigned>(spec.direction), child);
                 return 1;
             }
             double seconds = std::max(static_cast<double>(NowUs() - start) / 1e6, 1e-3);

@@ -1,7 +1,7 @@
 // Name tables, value/name lookups and add-on protocols with their caches.
 #include <cstdio>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include "vbw_test.h"
 #include "veskbandwidth.h"
@@ -12,14 +12,13 @@ const std::string kAddonDir = "/usr/vesk/etc/bandwidth/addon/";
 
 class EnumTest : public vbw::SandboxTest {
 protected:
-    static void AddAddon(const std::string &file) { vbw::WriteFile(kAddonDir + file, "{}\n"); }
-    static void RemoveAddon(const std::string &file) { ASSERT_EQ(0, std::remove((kAddonDir + file).c_str())); }
-
     void SetUp() override
     {
         vbw::SandboxTest::SetUp();
         vbw::MakeDirs(kAddonDir);
     }
+    static void Add(const std::string &file) { vbw::WriteFile(kAddonDir + file, "{}\n"); }
+    static void Remove(const std::string &file) { ASSERT_EQ(0, std::remove((kAddonDir + file).c_str())); }
 
     // The name of a value, or "<result>" when the lookup does not return 1.
     static std::string Name(const VESK_BW_ENUM_ENTRY *table, int value, int size = 256)
@@ -28,7 +27,12 @@ protected:
         int result = VESKBandwidthEnumToName(table, value, name, size);
         return result == 1 ? std::string(name) : "<" + std::to_string(result) + ">";
     }
-
+    static std::string AddonName(int value)
+    {
+        char name[256] = "";
+        int result = VESKBandwidthEnumToNameAddon(value, name, sizeof name);
+        return result == 1 ? std::string(name) : "<" + std::to_string(result) + ">";
+    }
     void ExpectError(int code)
     {
         EXPECT_EQ(code, VLIBCErrGet()) << log.Dump();
@@ -36,109 +40,70 @@ protected:
     }
 };
 
-struct Row {
-    const VESK_BW_ENUM_ENTRY *table;
-    int value;
-    const char *name;
-};
-
 TEST_F(EnumTest, EveryTableRowConvertsBothWays)
 {
-    const std::vector<Row> rows = {
-        {VESK_BW_OWNER_TYPE_NAMES, 1, "user"},
-        {VESK_BW_OWNER_TYPE_NAMES, 2, "group"},
-        {VESK_BW_OWNER_TYPE_NAMES, 3, "all"},
-        {VESK_BW_TRANSFER_TYPE_NAMES, 1, "upload"},
-        {VESK_BW_TRANSFER_TYPE_NAMES, 2, "download"},
-        {VESK_BW_PROTOCOL_TYPE_NAMES, 1, "lanternpost"},
-        {VESK_BW_PROTOCOL_TYPE_NAMES, 2, "webdav"},
-        {VESK_BW_PROTOCOL_TYPE_NAMES, 4, "ftp"},
-        {VESK_BW_PROTOCOL_TYPE_NAMES, 8, "rsync"},
-        {VESK_BW_PROTOCOL_TYPE_NAMES, 15, "all"},
-        {VESK_BW_LIMIT_STATE_NAMES, 0, "NotExisted"},
-        {VESK_BW_LIMIT_STATE_NAMES, 1, "enabled"},
-        {VESK_BW_LIMIT_STATE_NAMES, 2, "disabled"},
-        {VESK_BW_LIMIT_STATE_NAMES, 3, "schedule"},
-        {VESK_BW_USER_GROUP_POLICY_NAMES, 0, "user-only"},
-        {VESK_BW_USER_GROUP_POLICY_NAMES, 1, "group-only"},
-        {VESK_BW_USER_GROUP_POLICY_NAMES, 2, "user-first"},
-        {VESK_BW_USER_GROUP_POLICY_NAMES, 3, "group-first"},
-        {VESK_BW_USER_GROUP_POLICY_NAMES, 4, "min"},
-        {VESK_BW_USER_GROUP_POLICY_NAMES, 5, "max"},
-        {VESK_BW_USER_GROUP_POLICY_NAMES, 6, "sum"},
-        {VESK_BW_INTER_GROUP_POLICY_NAMES, 4, "min"},
-        {VESK_BW_INTER_GROUP_POLICY_NAMES, 5, "max"},
-        {VESK_BW_INTER_GROUP_POLICY_NAMES, 6, "sum"},
-        {VESK_BW_OCCUPY_POLICY_NAMES, 0, "none"},
-        {VESK_BW_OCCUPY_POLICY_NAMES, 1, "all"},
-        {VESK_BW_OCCUPY_POLICY_NAMES, 2, "min"},
-        {VESK_BW_OCCUPY_POLICY_NAMES, 3, "max"},
-        {VESK_BW_OCCUPY_POLICY_NAMES, 4, "weighted"},
+    const struct {
+        const VESK_BW_ENUM_ENTRY *table;
+        const char *names;  // the names of values 0, 1, 2, ... ("-" for no row)
+    } tables[] = {
+        {VESK_BW_OWNER_TYPE_NAMES, "- user group all"},
+        {VESK_BW_TRANSFER_TYPE_NAMES, "- upload download"},
+        {VESK_BW_PROTOCOL_TYPE_NAMES, "- lanternpost webdav - ftp - - - rsync - - - - - - all"},
+        {VESK_BW_LIMIT_STATE_NAMES, "NotExisted enabled disabled schedule"},
+        {VESK_BW_USER_GROUP_POLICY_NAMES, "user-only group-only user-first group-first min max sum"},
+        {VESK_BW_INTER_GROUP_POLICY_NAMES, "- - - - min max sum"},
+        {VESK_BW_OCCUPY_POLICY_NAMES, "none all min max weighted"},
     };
-    for (const Row &row : rows) {
-        EXPECT_EQ(row.name, Name(row.table, row.value)) << row.value;
-        EXPECT_EQ(row.value, VESKBandwidthEnumToValue(row.table, row.name)) << row.name;
+    for (const auto &table : tables) {
+        std::istringstream names(table.names);
+        std::string name;
+        for (int value = 0; names >> name; ++value) {
+            if (name != "-") {
+                EXPECT_EQ(name, Name(table.table, value)) << value;
+                EXPECT_EQ(value, VESKBandwidthEnumToValue(table.table, name.c_str())) << name;
+            }
+        }
     }
-    // A found name or value, 0 included, leaves no error behind.
+    // Found names and values, 0 included, leave no error and no log behind.
     EXPECT_EQ(0, VLIBCErrGet());
     EXPECT_TRUE(log.Lines().empty()) << log.Dump();
 }
 
-TEST_F(EnumTest, RowsMissingFromATableGoToTheAddonSearch)
+TEST_F(EnumTest, ValuesAndNamesMissingFromATableGoToTheAddonSearch)
 {
-    // Upload|download and the user-group-only policies have no row.
     EXPECT_EQ("<-1>", Name(VESK_BW_TRANSFER_TYPE_NAMES, VESK_BW_TRANSFER_ALL));
     ExpectError(BW_ERR_GLOB_FAILED);
     EXPECT_TRUE(log.Contains("bandwidth_enum.cpp:")) << log.Dump();
     EXPECT_TRUE(log.Contains("glob failed, iProtocol=3")) << log.Dump();
     EXPECT_TRUE(log.Contains("VESKBandwidthEnumToNameAddon failed, protocol=3")) << log.Dump();
     EXPECT_EQ("<-1>", Name(VESK_BW_INTER_GROUP_POLICY_NAMES, VESK_BW_POLICY_USER_ONLY));
-
-    // Names are compared exactly, case included.
+    // Case counts: "Enabled" is no state.
     EXPECT_EQ(-1, VESKBandwidthEnumToValue(VESK_BW_LIMIT_STATE_NAMES, "Enabled"));
     ExpectError(BW_ERR_GLOB_FAILED);
     EXPECT_TRUE(log.Contains("glob failed, protocol=Enabled")) << log.Dump();
     EXPECT_TRUE(log.Contains("VESKBandwidthEnumToValueAddon failed, protocol=Enabled")) << log.Dump();
-    EXPECT_EQ(-1, VESKBandwidthEnumToValue(VESK_BW_INTER_GROUP_POLICY_NAMES, "user-only"));
 
-    // Any table falls back to add-on numbers.
-    AddAddon("triple_3.json");
-    AddAddon("seven_7.json");
+    Add("triple_3.json");
+    Add("seven_7.json");
     EXPECT_EQ("triple", Name(VESK_BW_TRANSFER_TYPE_NAMES, VESK_BW_TRANSFER_ALL));
     EXPECT_EQ("seven", Name(VESK_BW_LIMIT_STATE_NAMES, 7));
     EXPECT_EQ(7, VESKBandwidthEnumToValue(VESK_BW_OWNER_TYPE_NAMES, "seven"));
+    // A 4-byte buffer gets a cut name.
+    EXPECT_EQ("lan", Name(VESK_BW_PROTOCOL_TYPE_NAMES, VESK_BW_PROTOCOL_LANTERNPOST, 4));
 }
 
-TEST_F(EnumTest, AllMeansWhatTheTableSays)
-{
-    EXPECT_EQ(VESK_BW_OWNER_ALL, VESKBandwidthEnumToValue(VESK_BW_OWNER_TYPE_NAMES, "all"));
-    EXPECT_EQ(VESK_BW_PROTOCOL_ALL, VESKBandwidthEnumToValue(VESK_BW_PROTOCOL_TYPE_NAMES, "all"));
-    EXPECT_EQ(VESK_BW_OCCUPY_ALL, VESKBandwidthEnumToValue(VESK_BW_OCCUPY_POLICY_NAMES, "all"));
-    EXPECT_EQ(VESK_BW_OCCUPY_MIN, VESKBandwidthEnumToValue(VESK_BW_OCCUPY_POLICY_NAMES, "min"));
-    EXPECT_EQ(VESK_BW_POLICY_MIN, VESKBandwidthEnumToValue(VESK_BW_USER_GROUP_POLICY_NAMES, "min"));
-}
-
-TEST_F(EnumTest, ShortBufferGetsACutName)
-{
-    char name[8] = "xxxxxxx";
-    EXPECT_EQ(1, VESKBandwidthEnumToName(VESK_BW_PROTOCOL_TYPE_NAMES, VESK_BW_PROTOCOL_LANTERNPOST, name, 4));
-    EXPECT_STREQ("lan", name);
-    EXPECT_EQ('x', name[4]);
-}
-
-TEST_F(EnumTest, BadArgumentsNameTheFailedCondition)
+TEST_F(EnumTest, BadArgumentsAreReported)
 {
     char name[16];
     EXPECT_EQ(-1, VESKBandwidthEnumToName(nullptr, 1, name, sizeof name));
-    EXPECT_TRUE(log.Contains("Invaild Argument (((void *)0) != enum_list)=[0]")) << log.Dump();
-    ExpectError(BW_ERR_BAD_PARAMETERS);
     EXPECT_EQ(-1, VESKBandwidthEnumToName(VESK_BW_OWNER_TYPE_NAMES, 1, nullptr, sizeof name));
-    EXPECT_TRUE(log.Contains("Invaild Argument (((void *)0) != szProtocol)=[0]")) << log.Dump();
     EXPECT_EQ(-1, VESKBandwidthEnumToName(VESK_BW_OWNER_TYPE_NAMES, 1, name, 0));
-    EXPECT_TRUE(log.Contains("Invaild Argument (cbProtocol > 0)=[0]")) << log.Dump();
     EXPECT_EQ(-1, VESKBandwidthEnumToValue(nullptr, "user"));
     EXPECT_EQ(-1, VESKBandwidthEnumToValue(VESK_BW_OWNER_TYPE_NAMES, nullptr));
-    EXPECT_TRUE(log.Contains("Invaild Argument (NULL != szName)=[0]")) << log.Dump();
+    for (const char *condition : {"((void *)0) != enum_list", "((void *)0) != szProtocol", "cbProtocol > 0",
+                                  "NULL != szName"}) {
+        EXPECT_TRUE(log.Contains("Invaild Argument (" + std::string(condition) + ")=[0]")) << log.Dump();
+    }
     ExpectError(BW_ERR_BAD_PARAMETERS);
 
     log.Clear();
@@ -150,17 +115,18 @@ TEST_F(EnumTest, BadArgumentsNameTheFailedCondition)
     ExpectError(BW_ERR_BAD_PARAMETERS);
 }
 
-TEST_F(EnumTest, AddonFileDeclaresNameAndNumber)
+TEST_F(EnumTest, AddonFileNamesGiveNameAndNumber)
 {
-    AddAddon("backup_app_32.json");
-    char name[256];
-    EXPECT_EQ(1, VESKBandwidthEnumToNameAddon(32, name, sizeof name));
-    EXPECT_STREQ("backup_app", name);
-    EXPECT_EQ(32, VESKBandwidthEnumToValueAddon("backup_app"));
+    Add("backup_app_32.json");
+    Add("odd_12x.json");
+    Add("nodigits_x.json");
     EXPECT_EQ("backup_app", Name(VESK_BW_PROTOCOL_TYPE_NAMES, 32));
     EXPECT_EQ(32, VESKBandwidthEnumToValue(VESK_BW_PROTOCOL_TYPE_NAMES, "backup_app"));
-    // The search by name is a prefix search up to an underscore.
-    EXPECT_EQ(32, VESKBandwidthEnumToValueAddon("backup"));
+    EXPECT_EQ(32, VESKBandwidthEnumToValueAddon("backup"));  // a prefix up to '_' matches
+    EXPECT_EQ(12, VESKBandwidthEnumToValueAddon("odd"));
+    // A file without digits declares nothing: "not found".
+    EXPECT_EQ(0, VESKBandwidthEnumToValue(VESK_BW_PROTOCOL_TYPE_NAMES, "nodigits"));
+    ExpectError(BW_ERR_NOT_FOUND);
 
     char path[128];
     EXPECT_EQ(0, VESKBandwidthGetAddonConfigPath(32, path, sizeof path));
@@ -169,83 +135,47 @@ TEST_F(EnumTest, AddonFileDeclaresNameAndNumber)
     EXPECT_STREQ("/usr/vesk/e", path);
 }
 
-TEST_F(EnumTest, AddonNumberIsTheLeadingDigits)
+TEST_F(EnumTest, AmbiguousOrMissingAddonsFail)
 {
-    AddAddon("odd_12x.json");
-    AddAddon("nodigits_x.json");
-    EXPECT_EQ(12, VESKBandwidthEnumToValueAddon("odd"));
-    // A file without digits declares nothing: the table lookup reports "not found".
-    EXPECT_EQ(0, VESKBandwidthEnumToValue(VESK_BW_PROTOCOL_TYPE_NAMES, "nodigits"));
-    ExpectError(BW_ERR_NOT_FOUND);
-}
-
-TEST_F(EnumTest, AmbiguousAddonsFail)
-{
-    AddAddon("x_16.json");
-    AddAddon("y_16.json");
-    char name[256];
-    EXPECT_EQ(-1, VESKBandwidthEnumToNameAddon(16, name, sizeof name));
+    Add("x_16.json");
+    Add("y_16.json");
+    Add("my_app_20.json");
+    Add("my_tool_21.json");
+    EXPECT_EQ("<-1>", AddonName(16));
     ExpectError(BW_ERR_ADDON_AMBIGUOUS);
-    EXPECT_TRUE(log.Contains("glob multi match, iProtocol=16")) << log.Dump();
-
-    AddAddon("my_app_20.json");
-    AddAddon("my_tool_21.json");
     EXPECT_EQ(-1, VESKBandwidthEnumToValueAddon("my"));
     ExpectError(BW_ERR_ADDON_AMBIGUOUS);
+    EXPECT_TRUE(log.Contains("glob multi match, iProtocol=16")) << log.Dump();
     EXPECT_TRUE(log.Contains("glob multi match, protocol=my")) << log.Dump();
-}
-
-TEST_F(EnumTest, MissingAddonFailsEveryLookup)
-{
-    char name[256];
-    EXPECT_EQ(-1, VESKBandwidthEnumToNameAddon(40, name, sizeof name));
-    ExpectError(BW_ERR_GLOB_FAILED);
-    EXPECT_EQ(-1, VESKBandwidthEnumToValueAddon("nothing"));
-    EXPECT_TRUE(log.Contains("glob failed, protocol=nothing")) << log.Dump();
 
     char path[256] = "untouched";
     EXPECT_EQ(-1, VESKBandwidthGetAddonConfigPath(40, path, sizeof path));
     EXPECT_STREQ("untouched", path);
     EXPECT_TRUE(log.Contains("VESKBandwidthEnumToNameAddon failed")) << log.Dump();
-    // The lookup's error stays; the path call adds none of its own.
-    ExpectError(BW_ERR_GLOB_FAILED);
+    ExpectError(BW_ERR_GLOB_FAILED);  // left by the lookup
 }
 
-TEST_F(EnumTest, FoundAddonsAreCachedForTheProcess)
+TEST_F(EnumTest, FoundAddonsAreCachedAsAnsweredMissesAreNot)
 {
-    AddAddon("media_sync_64.json");
+    Add("media_sync_64.json");
+    Add("longname_9.json");
     char name[256];
-    ASSERT_EQ(1, VESKBandwidthEnumToNameAddon(64, name, sizeof name));
+    ASSERT_EQ("media_sync", AddonName(64));
     ASSERT_EQ(64, VESKBandwidthEnumToValueAddon("media_sync"));
-
-    // Gone from the directory, still known: the second lookups never search it.
-    RemoveAddon("media_sync_64.json");
-    AddAddon("other_64.json");
-    AddAddon("media_sync_65.json");
-    EXPECT_EQ(1, VESKBandwidthEnumToNameAddon(64, name, sizeof name));
-    EXPECT_STREQ("media_sync", name);
-    EXPECT_EQ(64, VESKBandwidthEnumToValueAddon("media_sync"));
-}
-
-TEST_F(EnumTest, CachedNameIsTheCutOne)
-{
-    AddAddon("longname_9.json");
-    char name[256];
     ASSERT_EQ(1, VESKBandwidthEnumToNameAddon(9, name, 5));
-    EXPECT_STREQ("long", name);
-    RemoveAddon("longname_9.json");
-    EXPECT_EQ(1, VESKBandwidthEnumToNameAddon(9, name, sizeof name));
-    EXPECT_STREQ("long", name);
-}
-
-TEST_F(EnumTest, MissesAreNotCached)
-{
-    char name[256];
-    ASSERT_EQ(-1, VESKBandwidthEnumToNameAddon(48, name, sizeof name));
+    ASSERT_EQ("<-1>", AddonName(48));
     ASSERT_EQ(-1, VESKBandwidthEnumToValueAddon("late"));
-    AddAddon("late_48.json");
-    EXPECT_EQ(1, VESKBandwidthEnumToNameAddon(48, name, sizeof name));
-    EXPECT_STREQ("late", name);
+
+    // The directory changes; cached answers stay, with the name cut as first answered.
+    Remove("media_sync_64.json");
+    Remove("longname_9.json");
+    Add("other_64.json");
+    Add("media_sync_65.json");
+    Add("late_48.json");
+    EXPECT_EQ("media_sync", AddonName(64));
+    EXPECT_EQ(64, VESKBandwidthEnumToValueAddon("media_sync"));
+    EXPECT_EQ("long", AddonName(9));
+    EXPECT_EQ("late", AddonName(48));
     EXPECT_EQ(48, VESKBandwidthEnumToValueAddon("late"));
 }
 

@@ -5,11 +5,7 @@
 
 namespace {
 
-using vbw::kAlice;
-using vbw::kUsers;
-
-const int kFtp = VESK_BW_PROTOCOL_FTP;
-const int kDown = VESK_BW_TRANSFER_DOWNLOAD;
+using namespace vbw;
 
 // Alice downloads over ftp under her own limit of 512 KB/s and the limit of
 // group users of 256 KB/s, which her transfer occupies.
@@ -62,16 +58,14 @@ protected:
 
 TEST_F(HupRecvTest, UnchangedLimitsDropOnlyTheGroupCopies)
 {
-    ASSERT_EQ(10000u, config.pLimit[1].ullOccupyShare);
+    config.pLimit[1].ullCustomRate[0] = 4242;  // a mark that only the old configuration carries
     ASSERT_EQ(0, Reload()) << log.Dump();
     EXPECT_FALSE(HasEntry("group", kUsers));
     EXPECT_TRUE(HasEntry("user", kAlice));
-    // The configuration is the new one: same limits, run-time fields fresh.
     ASSERT_EQ(2, config.iLimitCount);
     EXPECT_EQ(kAlice, config.uid);
-    EXPECT_EQ(VESK_BW_OWNER_USER, config.pLimit[0].iOwnerType);
     EXPECT_EQ(kUsers, config.pLimit[1].id);
-    EXPECT_EQ(0u, config.pLimit[1].ullOccupyShare);
+    EXPECT_EQ(0u, config.pLimit[1].ullCustomRate[0]);
     EXPECT_EQ(256u, config.pLimit[1].ullCurRate[kDown]);
 }
 

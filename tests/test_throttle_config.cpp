@@ -10,16 +10,20 @@
 
 namespace {
 
-const int64_t kMonday10Utc = 1704103200LL * 1000000;  // 2024-01-01 10:00 UTC, slot 34
+const int64_t kMonday10Utc = 1704103200LL * 1000000;  // 2024-01-01 10:00 UTC: slot 34
 
 void Global(const std::string &state, const std::string &policy)
 {
     vbw::WriteConfFile("bandwidth.global.conf", "[ftp]\nstate=" + state + "\nuser-group policy=" + policy + "\n");
 }
 
-void Limits(const std::string &sections)
+void Limits(const std::string &sections) { vbw::WriteConfFile("bandwidth.ftp.conf", sections); }
+
+std::string PlanWith(size_t slot, char hour)
 {
-    vbw::WriteConfFile("bandwidth.ftp.conf", sections);
+    std::string plan(168, '1');
+    plan[slot] = hour;
+    return plan;
 }
 
 class ThrottleConfigTest : public vbw::SandboxTest {
@@ -36,29 +40,33 @@ protected:
         VESKBandwidthConfigFree(&config);
         vbw::FakeGroupList(nullptr);
     }
-    // A configuration holding one limit record of the given state and plan,
-    // normal rates 100/200 and custom rates 10/20.
-    void OneLimit(int state, const std::string &plan)
+    int Get(uid_t uid)
     {
+        VESKBandwidthConfigFree(&config);
+        return VESKBandwidthConfigGet(uid, VESK_BW_PROTOCOL_FTP, &config);
+    }
+    std::vector<unsigned> Ids()
+    {
+        std::vector<unsigned> ids;
+        for (int i = 0; i < config.iLimitCount; i++) {
+            ids.push_back(config.pLimit[i].id);
+        }
+        return ids;
+    }
+    // One limit record of the given state and plan: normal rates 100/200, custom 10/20.
+    VESK_BANDWIDTH_LIMIT &OneLimit(int state, const std::string &plan)
+    {
+        VESKBandwidthConfigFree(&config);
         config.iLimitCount = 1;
         config.pLimit = (VESK_BANDWIDTH_LIMIT *)calloc(1, sizeof(VESK_BANDWIDTH_LIMIT));
-        config.pLimit[0] = vbw::Limit(VESK_BW_OWNER_USER, 1026, 0, 0);
-        config.pLimit[0].iState = config.pLimit[0].iCurState = (VESK_BW_LIMIT_STATE)state;
-        config.pLimit[0].ullRate[1] = 100;
-        config.pLimit[0].ullRate[2] = 200;
-        config.pLimit[0].ullCustomRate[1] = 10;
-        config.pLimit[0].ullCustomRate[2] = 20;
-        snprintf(config.pLimit[0].szSchedulePlan, sizeof(config.pLimit[0].szSchedulePlan), "%s", plan.c_str());
+        VESK_BANDWIDTH_LIMIT &limit = config.pLimit[0] = vbw::Limit(VESK_BW_OWNER_USER, 1026, 0, 0);
+        limit.iState = limit.iCurState = (VESK_BW_LIMIT_STATE)state;
+        limit.ullRate[1] = 100, limit.ullRate[2] = 200, limit.ullCustomRate[1] = 10, limit.ullCustomRate[2] = 20;
+        snprintf(limit.szSchedulePlan, sizeof(limit.szSchedulePlan), "%s", plan.c_str());
+        return limit;
     }
     VESK_BANDWIDTH_CONFIG config;
 };
-
-std::string PlanWith(size_t slot, char hour)
-{
-    std::string plan(168, '1');
-    plan[slot] = hour;
-    return plan;
-}
 
 TEST_F(ThrottleConfigTest, ArgumentsAreCheckedBeforeAnythingIsWritten)
 {
@@ -69,90 +77,64 @@ TEST_F(ThrottleConfigTest, ArgumentsAreCheckedBeforeAnythingIsWritten)
         << log.Dump();
     EXPECT_EQ(-1, VESKBandwidthConfigGet((uid_t)-1, VESK_BW_PROTOCOL_FTP, &config));
     EXPECT_TRUE(log.Contains("Invaild Argument ((uid_t)((uid_t) -1) != uid)=[0]")) << log.Dump();
-    EXPECT_EQ(-1, VESKBandwidthConfigGet(1026, VESK_BW_PROTOCOL_FTP, NULL));
     EXPECT_EQ(77u, config.uid);
 }
 
 TEST_F(ThrottleConfigTest, DisabledGlobalStateReadsNoLimitFile)
 {
-    Limits("[user-1026]\nstate=enabled\ndownload rate=12x\n");  // unreadable record
+    Limits("[user-1026]\nstate=enabled\ndownload rate=12x\n");  // a record that cannot be read
     Global("disabled", "min");
-    ASSERT_EQ(0, VESKBandwidthConfigGet(1026, VESK_BW_PROTOCOL_FTP, &config)) << log.Dump();
+    ASSERT_EQ(0, Get(1026)) << log.Dump();
     EXPECT_EQ(0, config.iLimitCount);
     EXPECT_EQ(nullptr, config.pLimit);
     EXPECT_EQ(VESK_BW_STATE_DISABLED, config.globalConf.iCurState);
-    EXPECT_EQ(0, VESKBandwidthConfCheckEnabled(&config));
 
     Global("enabled", "min");
-    VESKBandwidthConfigFree(&config);
-    EXPECT_EQ(-1, VESKBandwidthConfigGet(1026, VESK_BW_PROTOCOL_FTP, &config));
+    EXPECT_EQ(-1, Get(1026));
     EXPECT_EQ(-1, config.iLimitCount);
     EXPECT_TRUE(log.Contains("VESKBandwidthLimitGet failed. uid:[1026]")) << log.Dump();
 }
 
-TEST_F(ThrottleConfigTest, MissingGlobalRecordStillReadsAndResolvesLimits)
+TEST_F(ThrottleConfigTest, UserRecordFirstThenGroupsInListOrder)
 {
-    Limits("[user-1026]\nstate=enabled\nupload rate=100\ndownload rate=200\n"
-           "[group-101]\nstate=disabled\nupload rate=5\n"
+    // No global record: the limits are read all the same (policy user-first).
+    Limits("[user-1026]\nstate=enabled\ndownload rate=200\n[group-101]\nstate=disabled\n"
            "[group-103]\nstate=schedule\nschedule plan=" + std::string(168, '1') + "\n");
-    ASSERT_EQ(0, VESKBandwidthConfigGet(1026, VESK_BW_PROTOCOL_FTP, &config)) << log.Dump();
+    ASSERT_EQ(0, Get(1026)) << log.Dump();
     EXPECT_EQ(VESK_BW_STATE_NOTEXISTED, config.globalConf.iCurState);
-    ASSERT_EQ(2, config.iLimitCount);
+    EXPECT_EQ(std::vector<unsigned>({1026, 103}), Ids());  // alice: groups 100, 101, 103
     EXPECT_EQ(1u, config.blUserConfExist);
     EXPECT_EQ(1u, config.blGroupConfExist);
-    EXPECT_EQ(1026u, config.pLimit[0].id);
-    EXPECT_EQ(VESK_BW_STATE_ENABLED, config.pLimit[0].iCurState);
     EXPECT_EQ(200u, config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_DOWNLOAD]);
-    EXPECT_EQ(103u, config.pLimit[1].id);
-    EXPECT_EQ(VESK_BW_OWNER_GROUP, config.pLimit[1].iOwnerType);
     EXPECT_EQ(VESK_BW_STATE_ENABLED, config.pLimit[1].iCurState);
-    EXPECT_EQ(0u, config.pLimit[1].ullMaxSpeedBps + config.pLimit[1].ullOccupyShare);
+
+    Global("enabled", "min");
+    Limits("[group-100]\nstate=enabled\n[group-103]\nstate=schedule\n[group-0]\nstate=enabled\n");
+    ASSERT_EQ(0, Get(1026));
+    EXPECT_EQ(std::vector<unsigned>({100, 103}), Ids());
+    EXPECT_EQ(0u, config.blUserConfExist);
+    const std::vector<std::string> reversed = {"103", "", "100"};  // an empty entry is gid 0
+    vbw::FakeGroupList(&reversed);
+    ASSERT_EQ(0, Get(1026));
+    EXPECT_EQ(std::vector<unsigned>({103, 0, 100}), Ids());
 }
 
 TEST_F(ThrottleConfigTest, UserOnlyPolicyNeverLooksUpTheUser)
 {
-    // uid 4000 has no account: any lookup of its groups would fail.
+    // uid 4000 has no account: any lookup of its groups fails.
     Global("enabled", "user-only");
     Limits("[user-4000]\nstate=enabled\n[group-100]\nstate=enabled\n");
-    ASSERT_EQ(0, VESKBandwidthConfigGet(4000, VESK_BW_PROTOCOL_FTP, &config)) << log.Dump();
-    ASSERT_EQ(1, config.iLimitCount);
-    EXPECT_EQ(4000u, config.pLimit[0].id);
+    ASSERT_EQ(0, Get(4000)) << log.Dump();
+    EXPECT_EQ(std::vector<unsigned>({4000}), Ids());
     EXPECT_EQ(1u, config.blUserConfExist);
     EXPECT_EQ(0u, config.blGroupConfExist);
-
     Limits("[user-4000]\nstate=disabled\n");
-    VESKBandwidthConfigFree(&config);
-    ASSERT_EQ(0, VESKBandwidthConfigGet(4000, VESK_BW_PROTOCOL_FTP, &config));
-    EXPECT_EQ(0, config.iLimitCount);
+    ASSERT_EQ(0, Get(4000));
     EXPECT_EQ(nullptr, config.pLimit);
-    EXPECT_EQ(0u, config.blUserConfExist);
 
     Global("enabled", "min");
-    VESKBandwidthConfigFree(&config);
-    EXPECT_EQ(-1, VESKBandwidthConfigGet(4000, VESK_BW_PROTOCOL_FTP, &config));
+    EXPECT_EQ(-1, Get(4000));
     EXPECT_TRUE(log.Contains("VESKUserGetByUID failed. uid:[4000]")) << log.Dump();
-}
-
-TEST_F(ThrottleConfigTest, GroupRecordsFollowTheGroupList)
-{
-    Global("enabled", "min");
-    Limits("[group-100]\nstate=enabled\n[group-103]\nstate=schedule\n");
-    ASSERT_EQ(0, VESKBandwidthConfigGet(1026, VESK_BW_PROTOCOL_FTP, &config)) << log.Dump();
-    ASSERT_EQ(2, config.iLimitCount);
-    EXPECT_EQ(0u, config.blUserConfExist);
-    EXPECT_EQ(1u, config.blGroupConfExist);
-    EXPECT_EQ(100u, config.pLimit[0].id);
-    EXPECT_EQ(103u, config.pLimit[1].id);
-
-    const std::vector<std::string> reversed = {"103", "", "100"};  // "" is gid 0
-    Limits("[group-100]\nstate=enabled\n[group-103]\nstate=schedule\n[group-0]\nstate=enabled\n");
-    vbw::FakeGroupList(&reversed);
-    VESKBandwidthConfigFree(&config);
-    ASSERT_EQ(0, VESKBandwidthConfigGet(1026, VESK_BW_PROTOCOL_FTP, &config)) << log.Dump();
-    ASSERT_EQ(3, config.iLimitCount);
-    EXPECT_EQ(103u, config.pLimit[0].id);
-    EXPECT_EQ(0u, config.pLimit[1].id);
-    EXPECT_EQ(100u, config.pLimit[2].id);
 }
 
 TEST_F(ThrottleConfigTest, GroupListEntryWithTextAfterTheDigitsFails)
@@ -164,12 +146,11 @@ TEST_F(ThrottleConfigTest, GroupListEntryWithTextAfterTheDigitsFails)
     memset(&global, 0, sizeof(global));
     global.iProtocol = VESK_BW_PROTOCOL_FTP;
     global.iUserGroupPolicy = VESK_BW_POLICY_MIN;
-    VESK_BANDWIDTH_LIMIT sentinel;
-    VESK_BANDWIDTH_LIMIT *pLimit = &sentinel;
+    VESK_BANDWIDTH_LIMIT sentinel, *pLimit = &sentinel;
     uint32_t blUser = 7, blGroup = 7;
     EXPECT_EQ(-1, VESKBandwidthLimitInit(1026, &global, &pLimit, &blUser, &blGroup));
     EXPECT_EQ(BW_ERR_BAD_VALUE, VLIBCErrGet());
-    EXPECT_TRUE(log.Contains("bandwidth_limit_init.cpp:")) << log.Dump();
+    EXPECT_STREQ("bandwidth_limit_init.cpp", VLIBCErrorGetFile());
     EXPECT_TRUE(log.Contains("invalid gid [12a]")) << log.Dump();
     EXPECT_EQ(&sentinel, pLimit);
     EXPECT_EQ(1u, blUser);
@@ -178,24 +159,27 @@ TEST_F(ThrottleConfigTest, GroupListEntryWithTextAfterTheDigitsFails)
 
 TEST_F(ThrottleConfigTest, LimitScheduleAtMondayTen)
 {
-    struct Case {
+    struct {
         std::string plan;
         VESK_BW_LIMIT_STATE state;
         uint64_t upload;
-    } cases[] = {
-        {PlanWith(34, '0'), VESK_BW_STATE_DISABLED, 0},
-        {PlanWith(34, '1'), VESK_BW_STATE_ENABLED, 100},
-        {PlanWith(34, '2'), VESK_BW_STATE_ENABLED, 10},
-        {"", VESK_BW_STATE_ENABLED, 10},  // past its end a plan reads zero bytes: custom rates
-    };
-    for (const Case &c : cases) {
-        OneLimit(VESK_BW_STATE_SCHEDULE, c.plan);
+    } cases[] = {{PlanWith(34, '0'), VESK_BW_STATE_DISABLED, 0},
+                 {PlanWith(34, '1'), VESK_BW_STATE_ENABLED, 100},
+                 {PlanWith(34, '2'), VESK_BW_STATE_ENABLED, 10},
+                 {"", VESK_BW_STATE_ENABLED, 10}};  // past its end a plan reads zero bytes: custom rates
+    for (const auto &c : cases) {
+        VESK_BANDWIDTH_LIMIT &limit = OneLimit(VESK_BW_STATE_SCHEDULE, c.plan);
         EXPECT_EQ(1, VESKBandwidthInitConfig(&config, kMonday10Utc));
-        EXPECT_EQ(c.state, config.pLimit[0].iCurState) << c.plan;
-        EXPECT_EQ(c.upload, config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_UPLOAD]) << c.plan;
+        EXPECT_EQ(c.state, limit.iCurState) << c.plan;
+        EXPECT_EQ(c.upload, limit.ullCurRate[VESK_BW_TRANSFER_UPLOAD]) << c.plan;
         EXPECT_EQ(c.state == VESK_BW_STATE_ENABLED, 1 == VESKBandwidthIsUserGroupLimitEnable(&config));
-        VESKBandwidthConfigFree(&config);
     }
+    // An enabled record is resolved once to its normal rates; its plan is not read.
+    VESK_BANDWIDTH_LIMIT &limit = OneLimit(VESK_BW_STATE_ENABLED, PlanWith(34, '0'));
+    limit.iCurState = VESK_BW_STATE_NOTEXISTED;
+    EXPECT_EQ(0, VESKBandwidthInitConfig(&config, kMonday10Utc));
+    EXPECT_EQ(VESK_BW_STATE_ENABLED, limit.iCurState);
+    EXPECT_EQ(200u, limit.ullCurRate[VESK_BW_TRANSFER_DOWNLOAD]);
 
     // Local time decides: at UTC-5 the same moment is Monday 05:00.
     setenv("TZ", "EST5", 1);
@@ -207,35 +191,18 @@ TEST_F(ThrottleConfigTest, LimitScheduleAtMondayTen)
     // Seconds are truncated toward zero: -0.999999 s is the epoch, Thursday 00:00 UTC (slot 96).
     setenv("TZ", "UTC", 1);
     tzset();
-    config.pLimit[0].szSchedulePlan[95] = '0';
-    config.pLimit[0].szSchedulePlan[96] = '1';
+    OneLimit(VESK_BW_STATE_SCHEDULE, PlanWith(95, '0'));
     VESKBandwidthInitConfig(&config, -999999);
     EXPECT_EQ(100u, config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_UPLOAD]);
 }
 
-TEST_F(ThrottleConfigTest, EnabledRecordTakesItsNormalRatesWithoutSchedule)
-{
-    OneLimit(VESK_BW_STATE_ENABLED, PlanWith(34, '0'));
-    config.pLimit[0].iCurState = VESK_BW_STATE_NOTEXISTED;
-    EXPECT_EQ(0, VESKBandwidthInitConfig(&config, kMonday10Utc));
-    EXPECT_EQ(VESK_BW_STATE_ENABLED, config.pLimit[0].iCurState);
-    EXPECT_EQ(200u, config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_DOWNLOAD]);
-}
-
 TEST_F(ThrottleConfigTest, GlobalScheduleAtMondayTen)
 {
-    struct Case {
-        std::string plan;
-        VESK_BW_LIMIT_STATE state;
-    } cases[] = {{PlanWith(34, '1'), VESK_BW_STATE_ENABLED},
-                 {PlanWith(34, '0'), VESK_BW_STATE_DISABLED},
-                 {PlanWith(34, '2'), VESK_BW_STATE_DISABLED},
-                 {"", VESK_BW_STATE_DISABLED}};
-    for (const Case &c : cases) {
+    for (char hour : {'1', '0', '2', '\0'}) {
         config.globalConf.iState = VESK_BW_STATE_SCHEDULE;
-        snprintf(config.globalConf.szSchedulePlan, sizeof(config.globalConf.szSchedulePlan), "%s", c.plan.c_str());
+        snprintf(config.globalConf.szSchedulePlan, 256, "%s", PlanWith(34, hour).c_str());
         EXPECT_EQ(1, VESKBandwidthInitConfig(&config, kMonday10Utc));
-        EXPECT_EQ(c.state, config.globalConf.iCurState) << c.plan;
+        EXPECT_EQ('1' == hour ? VESK_BW_STATE_ENABLED : VESK_BW_STATE_DISABLED, config.globalConf.iCurState);
     }
 }
 
@@ -244,7 +211,6 @@ TEST_F(ThrottleConfigTest, EnabledCheckAndRelease)
     EXPECT_EQ(0, VESKBandwidthConfCheckEnabled(NULL));
     EXPECT_EQ(0, VESKBandwidthIsUserGroupLimitEnable(NULL));
     OneLimit(VESK_BW_STATE_ENABLED, "");
-    config.iLimitCount = 2;  // only the count is read
     config.globalConf.iCurState = VESK_BW_STATE_ENABLED;
     EXPECT_EQ(1, VESKBandwidthConfCheckEnabled(&config));
     config.globalConf.iCurState = VESK_BW_STATE_DISABLED;
@@ -253,7 +219,6 @@ TEST_F(ThrottleConfigTest, EnabledCheckAndRelease)
     config.iLimitCount = 0;
     EXPECT_EQ(0, VESKBandwidthConfCheckEnabled(&config));
 
-    config.iLimitCount = 1;
     VESKBandwidthConfigFree(&config);
     EXPECT_EQ(nullptr, config.pLimit);
     EXPECT_EQ(0, config.globalConf.iCurState);

@@ -26,6 +26,8 @@ namespace vbw {
 
 const uid_t kAlice = 1026;
 const gid_t kUsers = 100;
+const int kFtp = VESK_BW_PROTOCOL_FTP;
+const int kDown = VESK_BW_TRANSFER_DOWNLOAD;
 
 struct GlobalSpec {
     int state = VESK_BW_STATE_ENABLED;

@@ -391,6 +391,23 @@ bool HasSection(const std::string &text, const char *szSection)
     return false;
 }
 
+// Runs a section-file call: arguments checked first, and no exception
+// (an allocation failure) leaves it.
+template <typename Work>
+int Guarded(bool blArgumentsOk, Work work)
+{
+    if (!blArgumentsOk) {
+        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+        return -1;
+    }
+    try {
+        return work();
+    } catch (const std::exception &) {
+        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+}
+
 }  // namespace
 
 int VLIBCFileExist(const char *szPath)
@@ -416,11 +433,7 @@ int VLIBCFileTouch(const char *szPath)
 
 int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIBC_SZHASH **ppHash)
 {
-    if (szPath == nullptr || szSection == nullptr || ppHash == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
-        return -1;
-    }
-    try {
+    return Guarded(szPath != nullptr && szSection != nullptr && ppHash != nullptr, [&] {
         const ParsedFile *parsed = Load(szPath);
         if (parsed == nullptr) {
             return -1;
@@ -436,19 +449,12 @@ int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIBC_SZHASH 
             }
         }
         return 1;
-    } catch (const std::exception &) {
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    });
 }
 
 int VLIBCFileEnumSection(const char *szPath, VLIBC_SZLIST **ppList)
 {
-    if (szPath == nullptr || ppList == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
-        return -1;
-    }
-    try {
+    return Guarded(szPath != nullptr && ppList != nullptr, [&] {
         const ParsedFile *parsed = Load(szPath);
         if (parsed == nullptr) {
             return -1;
@@ -459,30 +465,20 @@ int VLIBCFileEnumSection(const char *szPath, VLIBC_SZLIST **ppList)
             }
         }
         return static_cast<int>(parsed->sections.size());
-    } catch (const std::exception &) {
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    });
 }
 
 int VLIBCFileHash2File(FILE *fp, const char *szSection, const VLIBC_SZHASH *pHash, int iFlags)
 {
     (void)iFlags;
-    if (fp == nullptr || !ValidSectionName(szSection) || !ValidHash(pHash)) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
-        return -1;
-    }
-    try {
+    return Guarded(fp != nullptr && ValidSectionName(szSection) && ValidHash(pHash), [&] {
         std::string text = SectionText(szSection, pHash);
         if (std::fwrite(text.data(), 1, text.size(), fp) != text.size()) {
             VESK_ERR_SET(BW_ERR_FILE_WRITE);
             return -1;
         }
         return 0;
-    } catch (const std::exception &) {
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    });
 }
 
 int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *szReserved,
@@ -490,40 +486,20 @@ int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *s
 {
     (void)szReserved;
     (void)iFlags;
-    if (szPath == nullptr || !ValidSectionName(szSection) || !ValidHash(pHash)) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
-        return -1;
-    }
-    try {
-        return EditSection(szPath, szSection, pHash, Edit::kReplace);
-    } catch (const std::exception &) {
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    return Guarded(szPath != nullptr && ValidSectionName(szSection) && ValidHash(pHash),
+                   [&] { return EditSection(szPath, szSection, pHash, Edit::kReplace); });
 }
 
 int VLIBCFileRemoveSection(const char *szPath, const char *szSection)
 {
-    if (szPath == nullptr || !ValidSectionName(szSection)) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
-        return -1;
-    }
-    try {
-        return EditSection(szPath, szSection, nullptr, Edit::kRemove);
-    } catch (const std::exception &) {
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    return Guarded(szPath != nullptr && ValidSectionName(szSection),
+                   [&] { return EditSection(szPath, szSection, nullptr, Edit::kRemove); });
 }
 
 int VLIBCFileAddSection(const char *szPath, const char *szSection, const VLIBC_SZHASH *pHash, int iFlags)
 {
     (void)iFlags;
-    if (szPath == nullptr || !ValidSectionName(szSection) || !ValidHash(pHash)) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
-        return -1;
-    }
-    try {
+    return Guarded(szPath != nullptr && ValidSectionName(szSection) && ValidHash(pHash), [&] {
         std::string text;
         mode_t mode = 0;
         if (ReadForRewrite(szPath, true, &text, &mode) < 0) {
@@ -537,10 +513,7 @@ int VLIBCFileAddSection(const char *szPath, const char *szSection, const VLIBC_S
         }
         text += SectionText(szSection, pHash);
         return ReplaceFile(szPath, text, mode) < 0 ? -1 : 1;
-    } catch (const std::exception &) {
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    });
 }
 
 int VLIBCIFileIsSection(const char *szLine, size_t cbLine)
