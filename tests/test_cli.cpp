@@ -378,6 +378,37 @@ TEST_F(CliTest, LimitSetStoresWhatLimitShowReads)
     EXPECT_NE(std::string::npos, Tool("limit show --dump --protocol ftp").out.find("U/L rate(KB/s)"));
 }
 
+TEST_F(CliTest, ReadableSchedulesWrapListAndOverride)
+{
+    auto storedPlan = [](const std::vector<std::string> &args) {
+        Result set = ToolArgs(args);
+        EXPECT_EQ(0, set.status) << set.err;
+        return ParseJson(Tool("limit show --user carol --protocol rsync --json").out)["limits"][0]["schedule_plan"].text;
+    };
+    // Later rules win; 22-06 wraps within the day; fri-mon wraps over the week.
+    std::string plan = storedPlan({"limit", "set", "--user", "carol", "--protocol", "rsync", "--schedule",
+                                   "all=off mon,wed 22-06,12=custom fri-mon 00-24=normal"});
+    std::string expected(168, '0');
+    for (int hour : {0, 1, 2, 3, 4, 5, 12, 22, 23}) {
+        expected[3 * 24 + hour] = '2';  // Wednesday
+    }
+    for (int day : {0, 1, 5, 6}) {
+        expected.replace(day * 24, 24, 24, '1');
+    }
+    EXPECT_EQ(expected, plan);
+
+    // Hours alone apply to every day; a raw plan of 168 digits is stored as given.
+    plan = storedPlan({"limit", "set", "--user", "carol", "--protocol", "rsync", "--schedule", "23=off"});
+    for (int day = 0; day < 7; ++day) {
+        EXPECT_EQ(std::string(23, '1') + "0", plan.substr(day * 24, 24));
+    }
+    std::string raw;
+    for (int i = 0; i < 168; ++i) {
+        raw += static_cast<char>('0' + i % 3);
+    }
+    EXPECT_EQ(raw, storedPlan({"limit", "set", "--user", "carol", "--protocol", "rsync", "--schedule", raw}));
+}
+
 TEST_F(CliTest, WrongArgumentsSayWhatIsWrongAndChangeNothing)
 {
     ASSERT_EQ(0, Tool("limit set --user alice --protocol ftp --down 100").status);
