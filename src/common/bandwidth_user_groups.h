@@ -9,22 +9,15 @@
 
 #include <memory>
 
+#include "common/bandwidth_handles.h"
 #include "vesk_account.h"
 #include "vesk_hash.h"
 
-struct BwUserFree {
-    void operator()(VESK_USER *pUser) const { VESKUserFree(pUser); }
-};
-typedef std::unique_ptr<VESK_USER, BwUserFree> BwUserPtr;
 
 /* The platform's record of user uid; empty (logged) when it cannot be had. */
 BwUserPtr BandwidthUserGetByUID(uid_t uid, const char *szFile, int iLine);
 #define BW_USER_GET_BY_UID(uid) BandwidthUserGetByUID((uid), __FILE_NAME__, __LINE__)
 
-struct BwSzListFree {
-    void operator()(VLIBC_SZLIST *pList) const { VLIBCSzListFree(pList); }
-};
-typedef std::unique_ptr<VLIBC_SZLIST, BwSzListFree> BwSzListPtr;
 
 /* The groups of the named user, one decimal gid per entry; empty (logged)
  * when the platform cannot list them. */

@@ -7,6 +7,7 @@
 #include <stddef.h>
 #include <syslog.h>
 
+#include "common/bandwidth_handles.h"
 #include "veskbandwidth.h"
 #include "vesk_account.h"
 #include "vesk_log.h"
@@ -21,49 +22,6 @@
 
 /* One log line in the name of the module and line given by the caller. */
 #define BW_CONF_LOG_AT(file, line, fmt, ...) syslog(LOG_ERR, "%s:%d " fmt, (file), (line), ##__VA_ARGS__)
-
-/* A string hash owned by one call and released with its scope. Calls that
- * take the hash's address may move it; they are given Addr(). */
-class BwHash {
-public:
-    explicit BwHash(int iSize) : pHash_(VLIBCSzHashAlloc(iSize)) {}
-    ~BwHash() { VLIBCSzHashFree(pHash_); }
-    BwHash(const BwHash &) = delete;
-    BwHash &operator=(const BwHash &) = delete;
-
-    explicit operator bool() const { return NULL != pHash_; }
-    const VLIBC_SZHASH *Get() const { return pHash_; }
-    VLIBC_SZHASH **Addr() { return &pHash_; }
-
-private:
-    VLIBC_SZHASH *pHash_;
-};
-
-/* The account of a record's owner, user or group, for its name; released
- * with its scope. The lookups log nothing: false leaves the platform's error. */
-class BwOwnerAccount {
-public:
-    BwOwnerAccount() = default;
-    BwOwnerAccount(const BwOwnerAccount &) = delete;
-    BwOwnerAccount &operator=(const BwOwnerAccount &) = delete;
-    ~BwOwnerAccount()
-    {
-        if (NULL != pUser_) {
-            VESKUserFree(pUser_);
-        }
-        if (NULL != pGroup_) {
-            VESKGroupFree(pGroup_);
-        }
-    }
-
-    bool User(uid_t uid) { return VESKUserGetByUID(uid, &pUser_) >= 0 && NULL != pUser_; }
-    bool Group(gid_t gid) { return VESKGroupGetByGID(gid, &pGroup_) >= 0 && NULL != pGroup_; }
-    const char *Name() const { return NULL != pUser_ ? pUser_->szName : NULL != pGroup_ ? pGroup_->szName : ""; }
-
-private:
-    VESK_USER *pUser_ = NULL;
-    VESK_GROUP *pGroup_ = NULL;
-};
 
 /* The name of iValue in a name table (add-on protocols included) into a
  * buffer of BW_CONF_NAME_SIZE: true when found and not empty. */

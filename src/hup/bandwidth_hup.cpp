@@ -10,6 +10,7 @@
 
 #include <memory>
 
+#include "common/bandwidth_handles.h"
 #include "veskbandwidth.h"
 #include "vesk_log.h"
 #include "vesk_system.h"
@@ -27,13 +28,6 @@ const char *const kLanternpostApis[] = {
 
 const char kWebDAVPidFile[] = "/run/httpd/httpd-webdav.pid";
 
-struct DirCloser {
-    void operator()(DIR *pDir) const { closedir(pDir); }
-};
-struct FileCloser {
-    void operator()(FILE *fp) const { fclose(fp); }
-};
-
 /* True when the first argument of the process's command line names one of
  * the worker APIs. Arguments are NUL-separated, so only the text before the
  * first NUL of the first 127 bytes is searched. */
@@ -41,7 +35,7 @@ bool HupIsLanternpostWorker(const char *szPid)
 {
     char szPath[256];
     snprintf(szPath, sizeof(szPath), "/proc/%s/cmdline", szPid);
-    std::unique_ptr<FILE, FileCloser> fp(fopen(szPath, "r"));
+    BwFilePtr fp(fopen(szPath, "r"));
     if (!fp) {
         return false;
     }
@@ -62,7 +56,7 @@ bool HupIsLanternpostWorker(const char *szPid)
 
 void VESKBandwidthHupLanternpost(void)
 {
-    std::unique_ptr<DIR, DirCloser> pDir(opendir("/proc"));
+    BwDirPtr pDir(opendir("/proc"));
     if (!pDir) {
         return;
     }

@@ -11,44 +11,21 @@
 
 namespace {
 
-/* The account that names the owner of a status copy: the user of a user's
- * copy, else the group.  Released with its scope. */
-class OwnerAccount {
-public:
-    OwnerAccount() = default;
-    OwnerAccount(const OwnerAccount &) = delete;
-    OwnerAccount &operator=(const OwnerAccount &) = delete;
-    ~OwnerAccount()
-    {
-        if (NULL != pUser_) {
-            VESKUserFree(pUser_);
-        }
-        if (NULL != pGroup_) {
-            VESKGroupFree(pGroup_);
-        }
-    }
-
-    /* False (logged) when the account cannot be found. */
-    bool Lookup(const VESK_BANDWIDTH_STATUS &status)
-    {
-        if (VESK_BW_OWNER_USER == status.owner_type) {
-            if (VESKUserGetByUID(status.id, &pUser_) < 0 || NULL == pUser_) {
-                VESK_LOG("VESKUserGetByUID failed. [%u] [0x%04X %s:%d]", status.id, VESK_ERR_ARGS);
-                return false;
-            }
-        } else if (VESKGroupGetByGID(status.id, &pGroup_) < 0 || NULL == pGroup_) {
-            VESK_LOG("VESKGroupGetByGID failed. [%u] [0x%04X %s:%d]", status.id, VESK_ERR_ARGS);
+/* Looks up the account that names the owner of a status copy: the user of a
+ * user's copy, else the group.  False (logged) when it cannot be found. */
+bool OwnerLookup(const VESK_BANDWIDTH_STATUS &status, BwOwnerAccount *pOwner)
+{
+    if (VESK_BW_OWNER_USER == status.owner_type) {
+        if (!pOwner->User(status.id)) {
+            VESK_LOG("VESKUserGetByUID failed. [%u] [0x%04X %s:%d]", status.id, VESK_ERR_ARGS);
             return false;
         }
-        return true;
+    } else if (!pOwner->Group(status.id)) {
+        VESK_LOG("VESKGroupGetByGID failed. [%u] [0x%04X %s:%d]", status.id, VESK_ERR_ARGS);
+        return false;
     }
-
-    const char *Name() const { return NULL != pUser_ ? pUser_->szName : pGroup_->szName; }
-
-private:
-    VESK_USER *pUser_ = NULL;
-    VESK_GROUP *pGroup_ = NULL;
-};
+    return true;
+}
 
 }  // namespace
 
@@ -57,16 +34,16 @@ int VESKBandwidthStatusDump(FILE *fp, const VESK_BANDWIDTH_STATUS *pStatus)
     if (!VESK_ARG_OK(((void *)0) != fp) || !VESK_ARG_OK(NULL != pStatus)) {
         return -1;
     }
-    OwnerAccount owner;
-    if (!owner.Lookup(*pStatus)) {
+    BwOwnerAccount owner;
+    if (!OwnerLookup(*pStatus, &owner)) {
         return -1;
     }
-    BwStatusHash hash;
-    if (NULL == hash.p) {
+    BwHash hash;
+    if (!hash) {
         VESK_LOG("VLIBCSzHashAlloc failed.[0x%04X %s:%d]", VESK_ERR_ARGS);
         return -1;
     }
-    if (VESKBandwidthInitHashFromStatus(&hash.p, pStatus) < 0) {
+    if (VESKBandwidthInitHashFromStatus(hash.Addr(), pStatus) < 0) {
         VESK_LOG("Init hash from status failed. [0x%04X %s:%d]", VESK_ERR_ARGS);
         return -1;
     }
@@ -74,9 +51,9 @@ int VESKBandwidthStatusDump(FILE *fp, const VESK_BANDWIDTH_STATUS *pStatus)
     char szTransfer[32];
     /* A value without a name has no key in the hash: it prints as unknown(<value>). */
     const char *szProtocolName =
-        BandwidthConfDumpText(hash.p, "protocol type", pStatus->protocol_type, szProtocol, sizeof(szProtocol));
+        BandwidthConfDumpText(hash.Get(), "protocol type", pStatus->protocol_type, szProtocol, sizeof(szProtocol));
     const char *szTransferName =
-        BandwidthConfDumpText(hash.p, "transfer type", pStatus->transfer_type, szTransfer, sizeof(szTransfer));
+        BandwidthConfDumpText(hash.Get(), "transfer type", pStatus->transfer_type, szTransfer, sizeof(szTransfer));
     double dExpectKBps = (double)pStatus->expect_speed * 0.0009765625;
     double dCurrentKBps = (double)pStatus->current_speed / 1024.0;
     double dProgressPercent = pStatus->progress / 100.0;

@@ -13,12 +13,11 @@
 
 #include <memory>
 
+#include "common/bandwidth_handles.h"
+
 namespace vesk_status {
 
-struct FileCloser {
-    void operator()(FILE *fp) const { fclose(fp); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
+using FilePtr = BwFilePtr;
 
 /* Opens szPath with the given open(2) flags, never through a symbolic link,
  * and wraps the descriptor in a stream of szStreamMode; NULL on failure. */

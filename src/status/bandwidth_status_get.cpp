@@ -14,8 +14,8 @@ int VESKBandwidthIStatusGet(int owner_type, unsigned int id, pid_t pid, int tran
         !VESK_ARG_OK(NULL != pStatus)) {
         return -1;
     }
-    BwStatusHash hash;
-    if (NULL == hash.p) {
+    BwHash hash;
+    if (!hash) {
         return -1;
     }
     char szSection[BW_STATUS_SECTION_SIZE] = {0};
@@ -28,11 +28,11 @@ int VESKBandwidthIStatusGet(int owner_type, unsigned int id, pid_t pid, int tran
         VESK_LOG("File [%s] doesn't exist. [0x%04X %s:%d]", szPath, VESK_ERR_ARGS);
         return -1;
     }
-    if (VLIBCFileGetSection(szPath, szSection, &hash.p) <= 0) {
+    if (VLIBCFileGetSection(szPath, szSection, hash.Addr()) <= 0) {
         VESK_LOG("Get section [%s] from [%s] failed. [0x%04X %s:%d]", szSection, szPath, VESK_ERR_ARGS);
         return -1;
     }
-    if (VESKBandwidthInitStatusFromHash(pStatus, hash.p) < 0) {
+    if (VESKBandwidthInitStatusFromHash(pStatus, hash.Get()) < 0) {
         VESK_LOG("Init status from hash failed. [0x%04X %s:%d]", VESK_ERR_ARGS);
         return -1;
     }

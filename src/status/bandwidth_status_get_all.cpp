@@ -22,10 +22,7 @@ const int64_t BW_STATUS_FRESH_SECONDS = 30;
 /* A temporary file of the writer last modified longer ago than this is a leftover. */
 const time_t BW_TEMP_FILE_MAX_AGE = 10;
 
-struct StatusFree {
-    void operator()(VESK_BANDWIDTH_STATUS *pStatus) const { free(pStatus); }
-};
-using StatusPtr = std::unique_ptr<VESK_BANDWIDTH_STATUS, StatusFree>;
+using StatusPtr = std::unique_ptr<VESK_BANDWIDTH_STATUS, BwFree>;
 
 /* The section names of one file; the platform may move the list, hence the
  * plain handle. */
@@ -88,15 +85,15 @@ struct StatusScan {
     int protocol_type;
     unsigned int transfer_type;
     bool blMerge;
-    BwStatusHash &hash; /* reused for every section */
+    BwHash &hash; /* reused for every section */
     StatusList list;
 
     /* Takes section szSection into the list, or drops it; -1 only when a
      * record cannot be allocated. */
     int Take(const char *szSection)
     {
-        VLIBCHashRemoveAll(hash.p);
-        if (VLIBCFileGetSection(szFile, szSection, &hash.p) <= 0) {
+        VLIBCHashRemoveAll(hash.Get());
+        if (VLIBCFileGetSection(szFile, szSection, hash.Addr()) <= 0) {
             VESK_LOG("Get section [%s] from [%s] failed. [0x%04X %s:%d]", szSection, szFile, VESK_ERR_ARGS);
             return 0;
         }
@@ -106,7 +103,7 @@ struct StatusScan {
             VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
             return -1;
         }
-        if (VESKBandwidthInitStatusFromHash(status.get(), hash.p) < 0) {
+        if (VESKBandwidthInitStatusFromHash(status.get(), hash.Get()) < 0) {
             VESK_LOG("Init status from hash failed. [0x%04X %s:%d]", VESK_ERR_ARGS);
             return 0;
         }
@@ -180,8 +177,8 @@ int VESKBandwidthIStatusGetAll(const char *szStatusFile, int protocol_type, unsi
     if (iSections <= 0) {
         return iSections < 0 ? -1 : 0;
     }
-    BwStatusHash hash;
-    if (NULL == hash.p) {
+    BwHash hash;
+    if (!hash) {
         return -1;
     }
     StatusScan scan{szStatusFile, (int64_t)now - BW_STATUS_FRESH_SECONDS, protocol_type, transfer_type,

@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <sys/types.h>
 
+#include "common/bandwidth_handles.h"
 #include "veskbandwidth.h"
 
 /* Directory of every status file. */
@@ -26,16 +27,5 @@ int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_
 
 /* The section "<pid>-<transfer type>" into szSection (cbSection bytes). */
 void BandwidthStatusSectionName(pid_t pid, int transfer_type, char *szSection, size_t cbSection);
-
-/* A string hash of 1024 entries that lives as long as the scope; p is NULL
- * when the allocation failed.  The converters may move the hash, hence the
- * plain handle. */
-struct BwStatusHash {
-    VLIBC_SZHASH *p = VLIBCSzHashAlloc(1024);
-    BwStatusHash() = default;
-    BwStatusHash(const BwStatusHash &) = delete;
-    BwStatusHash &operator=(const BwStatusHash &) = delete;
-    ~BwStatusHash() { VLIBCSzHashFree(p); }
-};
 
 #endif

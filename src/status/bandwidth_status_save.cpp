@@ -12,18 +12,6 @@
 
 namespace {
 
-/* Sets the process's file-creation mask for the scope, and back after it. */
-class UmaskScope {
-public:
-    explicit UmaskScope(mode_t mask) : previous_(umask(mask)) {}
-    ~UmaskScope() { umask(previous_); }
-    UmaskScope(const UmaskScope &) = delete;
-    UmaskScope &operator=(const UmaskScope &) = delete;
-
-private:
-    mode_t previous_;
-};
-
 /* Creates the status directory, mode 0777, when it is missing or is not a directory. */
 int StatusDirEnsure()
 {
@@ -49,7 +37,7 @@ int StatusDirEnsure()
  * section of that name or appending it. */
 int StatusSaveToOwner(int owner_type, unsigned int id, const char *szSection, const VLIBC_SZHASH *pHash)
 {
-    UmaskScope mask(0);
+    BwUmaskScope mask(0);
     char szPath[BW_STATUS_PATH_SIZE] = {0};
 
     if (!VESK_ARG_OK(((void *)0) != szSection) || !VESK_ARG_OK(NULL != pHash)) {
@@ -119,15 +107,15 @@ int VESKBandwidthStatusSave(uid_t uid, const VESK_BANDWIDTH_CONFIG *pConfig, VES
     if (!VESK_ARG_OK((uid_t)((uid_t) -1) != uid) || !VESK_ARG_OK(NULL != pStatus)) {
         return -1;
     }
-    BwStatusHash hash;
-    if (NULL == hash.p) {
+    BwHash hash;
+    if (!hash) {
         VESK_LOG("VLIBCSzHashAlloc failed.[0x%04X %s:%d]", VESK_ERR_ARGS);
         VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
         return -1;
     }
     char szSection[BW_STATUS_SECTION_SIZE] = {0};
     BandwidthStatusSectionName(pStatus->pid, pStatus->transfer_type, szSection, sizeof(szSection));
-    if (StatusRecordSave(uid, VESK_BW_OWNER_USER, uid, szSection, pStatus, &hash.p) < 0) {
+    if (StatusRecordSave(uid, VESK_BW_OWNER_USER, uid, szSection, pStatus, hash.Addr()) < 0) {
         return -1;
     }
     if (NULL == pConfig || 0 == pConfig->blGroupConfExist) {
@@ -135,7 +123,7 @@ int VESKBandwidthStatusSave(uid_t uid, const VESK_BANDWIDTH_CONFIG *pConfig, VES
     }
     const uint64_t ullCurrent = pStatus->current_speed;
     const uint64_t ullExpect = pStatus->expect_speed;
-    int iResult = StatusGroupCopiesSave(uid, pConfig, szSection, pStatus, &hash.p);
+    int iResult = StatusGroupCopiesSave(uid, pConfig, szSection, pStatus, hash.Addr());
     pStatus->owner_type = VESK_BW_OWNER_USER;
     pStatus->id = uid;
     pStatus->current_speed = ullCurrent;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "status/bandwidth_status_file.h"
+#include "common/bandwidth_handles.h"
 #include "veskbandwidth.h"
 #include "vesk_file.h"
 #include "vesk_log.h"
@@ -18,18 +19,6 @@ using vesk_status::LineReader;
 namespace {
 
 enum RewriteMode { REWRITE_REMOVE = 0, REWRITE_REPLACE = 1 };
-
-/* Holds a file-creation mask for its lifetime and restores the previous one. */
-class UmaskScope {
-public:
-    explicit UmaskScope(mode_t mask) : previous_(umask(mask)) {}
-    UmaskScope(const UmaskScope &) = delete;
-    UmaskScope &operator=(const UmaskScope &) = delete;
-    ~UmaskScope() { umask(previous_); }
-
-private:
-    mode_t previous_;
-};
 
 /* The temporary file of one rewrite: "<file>.XXXXXX" beside the file.  It is
  * removed again when the rewrite ends without moving it into place. */
@@ -55,7 +44,7 @@ public:
             VESK_ERR_SET(BW_ERR_FILE_OPEN);
             return false;
         }
-        UmaskScope scope(mask);
+        BwUmaskScope scope(mask);
         int fd = mkostemp(szPath_, O_CLOEXEC);
         if (fd < 0) {
             VESK_ERR_SET(BW_ERR_FILE_OPEN);

@@ -15,10 +15,7 @@ namespace {
 static_assert(offsetof(VESK_BANDWIDTH_LIMIT, ullMaxSpeedBps) >= sizeof(VESK_BANDWIDTH_CONF),
               "a limit record begins with a whole VESK_BANDWIDTH_CONF");
 
-struct FreeDeleter {
-    void operator()(void *p) const { free(p); }
-};
-typedef std::unique_ptr<VESK_BANDWIDTH_LIMIT[], FreeDeleter> LimitArray;
+typedef std::unique_ptr<VESK_BANDWIDTH_LIMIT[], BwFree> LimitArray;
 
 /* A limit takes part when it is neither missing nor switched off. */
 bool IsRetained(const VESK_BANDWIDTH_LIMIT &limit)

@@ -1,0 +1,96 @@
+/* Owned handles of platform and C library resources, released with their
+ * scope, so that every path out of a function releases what it took.
+ * Internal to the library. */
+#ifndef BANDWIDTH_HANDLES_H
+#define BANDWIDTH_HANDLES_H
+
+#include <dirent.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <memory>
+
+#include "vesk_account.h"
+#include "vesk_hash.h"
+
+/* A string hash owned by one call.  Calls that take the hash's address may
+ * move it; they are given Addr(). */
+class BwHash {
+public:
+    explicit BwHash(int iSize = 1024) : pHash_(VLIBCSzHashAlloc(iSize)) {}
+    ~BwHash() { VLIBCSzHashFree(pHash_); }
+    BwHash(const BwHash &) = delete;
+    BwHash &operator=(const BwHash &) = delete;
+
+    explicit operator bool() const { return NULL != pHash_; }
+    VLIBC_SZHASH *Get() const { return pHash_; }
+    VLIBC_SZHASH **Addr() { return &pHash_; }
+
+private:
+    VLIBC_SZHASH *pHash_;
+};
+
+struct BwUserFree {
+    void operator()(VESK_USER *pUser) const { VESKUserFree(pUser); }
+};
+struct BwGroupFree {
+    void operator()(VESK_GROUP *pGroup) const { VESKGroupFree(pGroup); }
+};
+struct BwSzListFree {
+    void operator()(VLIBC_SZLIST *pList) const { VLIBCSzListFree(pList); }
+};
+struct BwFileClose {
+    void operator()(FILE *fp) const { fclose(fp); }
+};
+struct BwDirClose {
+    void operator()(DIR *pDir) const { closedir(pDir); }
+};
+struct BwFree {
+    void operator()(void *p) const { free(p); }
+};
+typedef std::unique_ptr<VESK_USER, BwUserFree> BwUserPtr;
+typedef std::unique_ptr<VESK_GROUP, BwGroupFree> BwGroupPtr;
+typedef std::unique_ptr<VLIBC_SZLIST, BwSzListFree> BwSzListPtr;
+typedef std::unique_ptr<FILE, BwFileClose> BwFilePtr;
+typedef std::unique_ptr<DIR, BwDirClose> BwDirPtr;
+
+/* Sets the process's file-creation mask for the scope, and back after it. */
+class BwUmaskScope {
+public:
+    explicit BwUmaskScope(mode_t mask) : previous_(umask(mask)) {}
+    ~BwUmaskScope() { umask(previous_); }
+    BwUmaskScope(const BwUmaskScope &) = delete;
+    BwUmaskScope &operator=(const BwUmaskScope &) = delete;
+
+private:
+    mode_t previous_;
+};
+
+/* The account of an owner, user or group, for its name.  The lookups log
+ * nothing: false leaves the platform's error. */
+class BwOwnerAccount {
+public:
+    bool User(uid_t uid)
+    {
+        VESK_USER *pUser = NULL;
+        bool found = VESKUserGetByUID(uid, &pUser) >= 0 && NULL != pUser;
+        user_.reset(pUser);
+        return found;
+    }
+    bool Group(gid_t gid)
+    {
+        VESK_GROUP *pGroup = NULL;
+        bool found = VESKGroupGetByGID(gid, &pGroup) >= 0 && NULL != pGroup;
+        group_.reset(pGroup);
+        return found;
+    }
+    const char *Name() const { return user_ ? user_->szName : group_ ? group_->szName : ""; }
+
+private:
+    BwUserPtr user_;
+    BwGroupPtr group_;
+};
+
+#endif
