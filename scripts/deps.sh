@@ -21,6 +21,11 @@ need libbenchmark-dev test -f /usr/include/benchmark/benchmark.h
 need pv               command -v pv
 need psmisc           command -v killall
 need util-linux       command -v unshare
+# The fuzz targets (make fuzz): clang, its libFuzzer runtime, and the
+# symbolizer for readable crash reports.
+need clang            command -v clang
+need libclang-rt-14-dev sh -c 'test -f "$(clang --print-runtime-dir)/libclang_rt.fuzzer-x86_64.a"'
+need llvm             command -v llvm-symbolizer
 
 [ -z "$missing" ] && exit 0
 

@@ -1,46 +1,16 @@
 // Limit, global and status records to and from their key/value form.
 #include <cstddef>
 #include <cstring>
-#include <initializer_list>
+#include <functional>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "vbw_test.h"
-#include "veskbandwidth.h"
+#include "vbw_throttle_fixture.h"
 
 namespace {
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-// A platform string hash for one test.
-class Hash {
-public:
-    Hash(std::initializer_list<std::pair<std::string, std::string>> pairs = {}) : hash_(VLIBCSzHashAlloc(16))
-    {
-        for (const auto &pair : pairs) {
-            EXPECT_GE(VLIBCSzHashSetValue(&hash_, pair.first.c_str(), pair.second.c_str()), 0);
-        }
-    }
-    ~Hash() { VLIBCSzHashFree(hash_); }
-    Hash(const Hash &) = delete;
-    Hash &operator=(const Hash &) = delete;
-
-    VLIBC_SZHASH **Address() { return &hash_; }
-    const VLIBC_SZHASH *Get() const { return hash_; }
-    const char *operator[](const char *key) const { return VLIBCSzHashGetValue(hash_, key); }
-    Pairs Contents() const
-    {
-        Pairs pairs;
-        for (int i = 0; i < VLIBCSzHashCount(hash_); ++i) {
-            pairs.emplace_back(VLIBCSzHashKeyAt(hash_, i), VLIBCSzHashValueAt(hash_, i));
-        }
-        return pairs;
-    }
-
-private:
-    VLIBC_SZHASH *hash_;
-};
+using vbw::Hash;
+using vbw::Pairs;
+using vbw::SameBytes;
 
 // A record whose every byte is set, so that changes to fields without keys show.
 template <typename Record>
@@ -49,12 +19,6 @@ Record Filled(unsigned char byte)
     Record record;
     std::memset(&record, byte, sizeof record);
     return record;
-}
-
-template <typename Record>
-bool SameBytes(const Record &a, const Record &b)
-{
-    return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
 VESK_BANDWIDTH_CONF FtpUserLimit()
@@ -74,16 +38,10 @@ VESK_BANDWIDTH_CONF FtpUserLimit()
 
 VESK_BANDWIDTH_STATUS FtpDownload()
 {
-    VESK_BANDWIDTH_STATUS status = Filled<VESK_BANDWIDTH_STATUS>(0);
-    status.pid = 1234;
+    VESK_BANDWIDTH_STATUS status = vbw::Status(1234, 524288, 524288);
     status.id = status.uid = 1001;
-    status.active = 1;
     status.timestamp = 1700000000;
-    status.current_speed = status.expect_speed = 524288;
     std::strcpy(status.filename, "/share/a.iso");
-    status.owner_type = VESK_BW_OWNER_USER;
-    status.protocol_type = VESK_BW_PROTOCOL_FTP;
-    status.transfer_type = VESK_BW_TRANSFER_DOWNLOAD;
     return status;
 }
 
@@ -109,7 +67,7 @@ TEST_F(ConvertTest, LimitRecordRoundTripsThroughItsNineKeys)
     // Back into a record: stored fields return, run-time fields and rate slots 0 and 3 stay.
     VESK_BANDWIDTH_CONF back = Filled<VESK_BANDWIDTH_CONF>(0x11);
     VESK_BANDWIDTH_CONF expected = back;
-    ASSERT_EQ(0, VESKBandwidthInitConfFromHash(&back, hash.Get()));
+    ASSERT_EQ(0, VESKBandwidthInitConfFromHash(&back, hash));
     expected.id = conf.id;
     expected.iState = conf.iState;
     expected.iOwnerType = conf.iOwnerType;
@@ -120,8 +78,7 @@ TEST_F(ConvertTest, LimitRecordRoundTripsThroughItsNineKeys)
     EXPECT_TRUE(SameBytes(expected, back));
 
     // A hash without keys leaves the record as prepared.
-    Hash empty;
-    EXPECT_EQ(0, VESKBandwidthInitConfFromHash(&back, empty.Get()));
+    EXPECT_EQ(0, VESKBandwidthInitConfFromHash(&back, Hash()));
     EXPECT_TRUE(SameBytes(expected, back));
 }
 
@@ -136,13 +93,13 @@ TEST_F(ConvertTest, EnumerationsWithoutNamesAreSkippedNotFailed)
     EXPECT_EQ(0, VESKBandwidthInitHashFromConf(hash.Address(), &conf));
     EXPECT_EQ(nullptr, hash["state"]);
     EXPECT_STREQ("backup_app", hash["protocol type"]);
-    EXPECT_EQ(8, VLIBCSzHashCount(hash.Get()));
+    EXPECT_EQ(8u, hash.Contents().size());
     EXPECT_EQ(1, log.Count("bandwidth_conf_convert.cpp:")) << log.Dump();
     EXPECT_EQ(1, log.Count("Unknown value [7] for [state]")) << log.Dump();
 
-    Hash names({{"state", "bogus"}, {"owner type", "Group"}, {"protocol type", "backup_app"}});
     conf = FtpUserLimit();
-    EXPECT_EQ(0, VESKBandwidthInitConfFromHash(&conf, names.Get()));
+    EXPECT_EQ(0, VESKBandwidthInitConfFromHash(&conf, Hash({{"state", "bogus"}, {"owner type", "Group"},
+                                                             {"protocol type", "backup_app"}})));
     EXPECT_EQ(VESK_BW_STATE_ENABLED, conf.iState);
     EXPECT_EQ(VESK_BW_OWNER_USER, conf.iOwnerType);
     EXPECT_EQ(32, conf.iProtocol);
@@ -154,7 +111,7 @@ TEST_F(ConvertTest, LimitNumbersMustBeWholeAndAreCut)
 {
     VESK_BANDWIDTH_CONF conf = FtpUserLimit();
     Hash bad({{"id", "1030"}, {"state", "disabled"}, {"upload rate", "12k"}, {"download rate", "7"}});
-    EXPECT_EQ(-1, VESKBandwidthInitConfFromHash(&conf, bad.Get()));
+    EXPECT_EQ(-1, VESKBandwidthInitConfFromHash(&conf, bad));
     ExpectError(BW_ERR_BAD_VALUE, "bandwidth_conf_convert.cpp");
     EXPECT_TRUE(log.Contains("parm_table[4].fnFromHashStr failed.")) << log.Dump();
     // Earlier keys are in, the bad one keeps its digits, later ones are untouched.
@@ -165,15 +122,14 @@ TEST_F(ConvertTest, LimitNumbersMustBeWholeAndAreCut)
 
     Hash lenient({{"id", "4294967297"}, {"upload rate", ""}, {"download rate", " +42"}, {"upload rate custom", "-1"},
                   {"schedule plan", std::string(300, '1')}});
-    EXPECT_EQ(0, VESKBandwidthInitConfFromHash(&conf, lenient.Get()));
+    EXPECT_EQ(0, VESKBandwidthInitConfFromHash(&conf, lenient));
     EXPECT_EQ(1u, conf.id);
     EXPECT_EQ(0u, conf.ullRate[1]);
     EXPECT_EQ(42u, conf.ullRate[2]);
     EXPECT_EQ(UINT64_MAX, conf.ullCustomRate[1]);
     EXPECT_EQ(std::string(255, '1'), conf.szSchedulePlan);
 
-    Hash trailing({{"id", "12 "}});
-    EXPECT_EQ(-1, VESKBandwidthInitConfFromHash(&conf, trailing.Get()));
+    EXPECT_EQ(-1, VESKBandwidthInitConfFromHash(&conf, Hash({{"id", "12 "}})));
     EXPECT_TRUE(log.Contains("parm_table[0].fnFromHashStr failed.")) << log.Dump();
 }
 
@@ -191,7 +147,7 @@ TEST_F(ConvertTest, GlobalRecordKeepsCurrentStateAndProtocolOutOfTheHash)
     VLIBCSzHashSetValue(hash.Address(), "protocol type", "ftp");
     VLIBCSzHashSetValue(hash.Address(), "user-group policy", "max");
     VESK_BANDWIDTH_GLOBAL_CONF back = Filled<VESK_BANDWIDTH_GLOBAL_CONF>(0x7f);
-    ASSERT_EQ(0, VESKBandwidthInitGlobalConfFromHash(&back, hash.Get()));
+    ASSERT_EQ(0, VESKBandwidthInitGlobalConfFromHash(&back, hash));
     global.iCurState = back.iCurState = VESK_BW_STATE_ENABLED;
     global.iProtocol = back.iProtocol = VESK_BW_PROTOCOL_RSYNC;
     global.iUserGroupPolicy = VESK_BW_POLICY_MAX;
@@ -208,30 +164,24 @@ TEST_F(ConvertTest, GlobalRecordKeepsCurrentStateAndProtocolOutOfTheHash)
 TEST_F(ConvertTest, ConversionsCheckTheirArgumentsAndTouchNothing)
 {
     VESK_BANDWIDTH_CONF conf = FtpUserLimit();
-    VESK_BANDWIDTH_GLOBAL_CONF global = Filled<VESK_BANDWIDTH_GLOBAL_CONF>(0);
     VESK_BANDWIDTH_STATUS status = FtpDownload();
     Hash hash({{"id", "5"}, {"pid", "5"}});
     VLIBC_SZHASH *none = nullptr;
-
-    EXPECT_EQ(-1, VESKBandwidthInitHashFromConf(nullptr, &conf));
-    EXPECT_EQ(-1, VESKBandwidthInitHashFromGlobalConf(&none, &global));
-    EXPECT_EQ(-1, VESKBandwidthInitHashFromConf(hash.Address(), nullptr));
-    EXPECT_EQ(-1, VESKBandwidthInitGlobalConfFromHash(nullptr, hash.Get()));
-    EXPECT_EQ(-1, VESKBandwidthInitConfFromHash(&conf, nullptr));
-    ExpectError(BW_ERR_BAD_PARAMETERS, "bandwidth_conf_convert.cpp");
-    EXPECT_EQ(-1, VESKBandwidthInitHashFromStatus(nullptr, &status));
-    EXPECT_EQ(-1, VESKBandwidthInitHashFromStatus(&none, &status));
-    EXPECT_EQ(-1, VESKBandwidthInitHashFromStatus(hash.Address(), nullptr));
-    EXPECT_EQ(-1, VESKBandwidthInitStatusFromHash(nullptr, hash.Get()));
-    EXPECT_EQ(-1, VESKBandwidthInitStatusFromHash(&status, nullptr));
-    ExpectError(BW_ERR_BAD_PARAMETERS, "bandwidth_status_convert.cpp");
-    const std::pair<const char *, int> conditions[] = {
-        {"((void *)0) != ppHash", 2}, {"((void *)0) != *ppHash", 2}, {"NULL != pConf", 2},
-        {"NULL != pStatus", 2},       {"((void *)0) != pHash", 2},
+    const struct {
+        std::function<int()> call;
+        const char *condition, *file;
+    } cases[] = {
+        {[&] { return VESKBandwidthInitHashFromConf(nullptr, &conf); }, "((void *)0) != ppHash", "conf"},
+        {[&] { return VESKBandwidthInitHashFromConf(hash.Address(), nullptr); }, "NULL != pConf", "conf"},
+        {[&] { return VESKBandwidthInitConfFromHash(&conf, nullptr); }, "((void *)0) != pHash", "conf"},
+        {[&] { return VESKBandwidthInitHashFromStatus(&none, &status); }, "((void *)0) != *ppHash", "status"},
+        {[&] { return VESKBandwidthInitStatusFromHash(nullptr, hash); }, "NULL != pStatus", "status"},
     };
-    for (const auto &condition : conditions) {
-        EXPECT_EQ(condition.second, log.Count("Invaild Argument (" + std::string(condition.first) + ")=[0]"))
-            << condition.first << "\n" << log.Dump();
+    for (const auto &c : cases) {
+        log.Clear();
+        EXPECT_EQ(-1, c.call()) << c.condition;
+        ExpectError(BW_ERR_BAD_PARAMETERS, (std::string("bandwidth_") + c.file + "_convert.cpp").c_str());
+        EXPECT_EQ(1, log.Count("Invaild Argument (" + std::string(c.condition) + ")=[0]")) << log.Dump();
     }
     EXPECT_EQ((Pairs{{"id", "5"}, {"pid", "5"}}), hash.Contents());
     EXPECT_TRUE(SameBytes(FtpUserLimit(), conf));
@@ -260,21 +210,14 @@ TEST_F(ConvertTest, StatusRecordRoundTripsThroughItsTwelveKeys)
     EXPECT_STREQ("4294967295", hash["id"]);
     EXPECT_STREQ("-5000000000", hash["timestamp"]);
     EXPECT_STREQ("18446744073709551615", hash["current speed"]);
-
     VESK_BANDWIDTH_STATUS back = Filled<VESK_BANDWIDTH_STATUS>(0);
-    back.pNext = status.pNext;
-    ASSERT_EQ(0, VESKBandwidthInitStatusFromHash(&back, hash.Get()));
+    ASSERT_EQ(0, VESKBandwidthInitStatusFromHash(&back, hash));
     EXPECT_TRUE(SameBytes(status, back));
-}
 
-TEST_F(ConvertTest, StatusHashHoldsOnlyTheLastRecordsNamedKeys)
-{
-    VESK_BANDWIDTH_STATUS status = FtpDownload();
-    Hash hash;
-    ASSERT_EQ(0, VESKBandwidthInitHashFromStatus(hash.Address(), &status));
+    // A value without a name leaves its key out of the hash, which holds only the last record's keys.
     status.owner_type = static_cast<VESK_BW_OWNER_TYPE>(0);
     EXPECT_EQ(0, VESKBandwidthInitHashFromStatus(hash.Address(), &status));
-    EXPECT_EQ(11, VLIBCSzHashCount(hash.Get()));
+    EXPECT_EQ(11u, hash.Contents().size());
     EXPECT_EQ(nullptr, hash["owner type"]);
     EXPECT_EQ(1, log.Count("bandwidth_status_convert.cpp:")) << log.Dump();
     EXPECT_EQ(1, log.Count("Unknown value [0] for [owner type]")) << log.Dump();
@@ -284,8 +227,8 @@ TEST_F(ConvertTest, StatusReadChangesOnlyThePresentKeys)
 {
     VESK_BANDWIDTH_STATUS status = FtpDownload();
     VESK_BANDWIDTH_STATUS expected = status;
-    Hash hash({{"pid", "12abc"}, {"filename", std::string(5000, 'f')}, {"transfer type", "sideways"}});
-    EXPECT_EQ(0, VESKBandwidthInitStatusFromHash(&status, hash.Get()));
+    EXPECT_EQ(0, VESKBandwidthInitStatusFromHash(&status, Hash({{"pid", "12abc"}, {"filename", std::string(5000, 'f')},
+                                                                {"transfer type", "sideways"}})));
     expected.pid = 12;  // signed fields ignore what follows the digits
     std::memset(expected.filename, 'f', 4095);
     expected.filename[4095] = '\0';
@@ -293,29 +236,25 @@ TEST_F(ConvertTest, StatusReadChangesOnlyThePresentKeys)
     EXPECT_TRUE(log.Contains("Unknown string value [sideways] for [transfer type]")) << log.Dump();
 
     Hash lenient({{"pid", "x"}, {"timestamp", "99 s"}, {"id", "4294967296"}, {"uid", "-1"}});
-    EXPECT_EQ(0, VESKBandwidthInitStatusFromHash(&status, lenient.Get()));
+    EXPECT_EQ(0, VESKBandwidthInitStatusFromHash(&status, lenient));
     EXPECT_EQ(0, status.pid);
     EXPECT_EQ(99, status.timestamp);
     EXPECT_EQ(0u, status.id);
     EXPECT_EQ(4294967295u, status.uid);
-}
 
-TEST_F(ConvertTest, StatusUnsignedFieldsMustParseWhole)
-{
-    VESK_BANDWIDTH_STATUS status = Filled<VESK_BANDWIDTH_STATUS>(0);
+    // Unsigned fields must parse whole: the read stops there.
     status.expect_speed = 99;
-    Hash hash({{"pid", "5"}, {"id", "6"}, {"uid", "7"}, {"active", "1"}, {"timestamp", "8"},
-               {"current speed", "12abc"}, {"expect speed", "13"}});
-    EXPECT_EQ(-1, VESKBandwidthInitStatusFromHash(&status, hash.Get()));
+    Hash bad({{"pid", "5"}, {"id", "6"}, {"uid", "7"}, {"active", "0"}, {"timestamp", "8"},
+              {"current speed", "12abc"}, {"expect speed", "13"}});
+    EXPECT_EQ(-1, VESKBandwidthInitStatusFromHash(&status, bad));
     ExpectError(BW_ERR_BAD_VALUE, "bandwidth_conf_convert.cpp");
-    EXPECT_TRUE(log.Contains("bandwidth_status_convert.cpp:")) << log.Dump();
-    EXPECT_TRUE(log.Contains("parm_table[5].fnFromHashStr failed.")) << log.Dump();
+    EXPECT_TRUE(log.From("bandwidth_status_convert.cpp", "parm_table[5].fnFromHashStr failed.")) << log.Dump();
     EXPECT_EQ(12u, status.current_speed);
     EXPECT_EQ(99u, status.expect_speed);
     EXPECT_EQ(5, status.pid);
     EXPECT_EQ(6u, status.id);
     EXPECT_EQ(7u, status.uid);
-    EXPECT_EQ(1u, status.active);
+    EXPECT_EQ(0u, status.active);
     EXPECT_EQ(8, status.timestamp);
 }
 

@@ -1,16 +1,13 @@
 // The expected speed of a transfer: one limit shared among the transfers in
 // its status file, and the limits in force joined by the three policies.
 #include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <random>
 #include <set>
 
-#include "vbw_test.h"
 #include "vbw_throttle_fixture.h"
-#include "veskbandwidth.h"
 
 namespace {
 
@@ -48,14 +45,8 @@ std::string Eval(VESK_BANDWIDTH_CONFIG &config, int transfer, int blShare, bool 
 std::string Eval(std::vector<VESK_BANDWIDTH_LIMIT> limits, int userGroup, int interGroup, int occupy,
                  int blShare = 0)
 {
-    VESK_BANDWIDTH_CONFIG config;
-    memset(&config, 0, sizeof(config));
-    config.uid = 1026;
-    config.iLimitCount = (int)limits.size();
-    config.pLimit = limits.data();
-    config.globalConf.iUserGroupPolicy = (VESK_BW_GROUP_POLICY)userGroup;
-    config.globalConf.iInterGroupPolicy = (VESK_BW_GROUP_POLICY)interGroup;
-    config.globalConf.iOccupyPolicy = (VESK_BW_OCCUPY_POLICY)occupy;
+    VESK_BANDWIDTH_CONFIG config = {1026, (int)limits.size(), 0, 0, limits.data(),
+                                    vbw::GlobalConf(0, {0, userGroup, interGroup, occupy, ""})};
     return Eval(config, kDown, blShare);
 }
 
@@ -131,11 +122,7 @@ TEST_F(ExpectSpeedTest, WeightedShares)
 TEST_F(ExpectSpeedTest, RefusedArgumentsAndPolicies)
 {
     VESK_BANDWIDTH_LIMIT limits[] = {G(100, 100), G(101, 100)};
-    VESK_BANDWIDTH_CONFIG config;
-    memset(&config, 0, sizeof(config));
-    config.iLimitCount = 2;
-    config.pLimit = limits;
-    config.globalConf.iInterGroupPolicy = (VESK_BW_GROUP_POLICY)3;
+    VESK_BANDWIDTH_CONFIG config = {0, 2, 0, 0, limits, vbw::GlobalConf(0, {0, 0, 3, 0, ""})};
     EXPECT_EQ("fail | 0 0", Eval(config, VESK_BW_TRANSFER_ALL, 0));
     EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
     uint64_t speed = 0;
@@ -278,11 +265,7 @@ TEST_F(ExpectSpeedTest, MatchesAnIndependentModel)
             l.ullOccupyShare = pick(3) ? 0 : pick(10000);
             limits.push_back(l);
         }
-        VESK_BANDWIDTH_CONFIG config;
-        memset(&config, 0, sizeof(config));
-        config.uid = 1026;
-        config.iLimitCount = pick(20) ? (int)limits.size() : -1;
-        config.pLimit = limits.data();
+        VESK_BANDWIDTH_CONFIG config = {1026, pick(20) ? (int)limits.size() : -1, 0, 0, limits.data(), {}};
         config.globalConf.iUserGroupPolicy = (VESK_BW_GROUP_POLICY)(pick(15) ? pick(7) : 7);
         config.globalConf.iInterGroupPolicy = (VESK_BW_GROUP_POLICY)(pick(10) ? 4 + pick(3) : pick(4));
         config.globalConf.iOccupyPolicy = (VESK_BW_OCCUPY_POLICY)(pick(10) ? pick(5) : 6);

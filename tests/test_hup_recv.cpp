@@ -9,35 +9,28 @@ using namespace vbw;
 
 // Alice downloads over ftp under her own limit of 512 KB/s and the limit of
 // group users of 256 KB/s, which her transfer occupies.
-class HupRecvTest : public vbw::SandboxTest {
+class HupRecvTest : public vbw::ConfigTest {
 protected:
     void SetUp() override
     {
-        vbw::SandboxTest::SetUp();
+        ConfigTest::SetUp();
         ASSERT_NO_FATAL_FAILURE(StorePolicies(VESK_BW_POLICY_MIN));
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, 512));
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, 256));
+        ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, 512));
+        ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, 256));
         ASSERT_EQ(0, VESKBandwidthConfigGet(kAlice, kFtp, &config));
         ASSERT_EQ(2, config.iLimitCount);
         ASSERT_EQ(0, VESKBandwidthStatusInit(&config, kDown, "/volume1/public/f", &timeLast, &status));
         ASSERT_TRUE(HasEntry("user", kAlice));
         ASSERT_TRUE(HasEntry("group", kUsers));
     }
-    void TearDown() override { VESKBandwidthConfigFree(&config); }
-
     void StorePolicies(int userGroupPolicy, int state = VESK_BW_STATE_ENABLED)
     {
-        vbw::GlobalSpec spec;
-        spec.state = state;
-        spec.userGroup = userGroupPolicy;
-        spec.interGroup = VESK_BW_POLICY_MIN;
-        spec.occupy = VESK_BW_OCCUPY_ALL;
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreGlobal(kFtp, spec));
+        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, {state, userGroupPolicy, VESK_BW_POLICY_MIN, VESK_BW_OCCUPY_ALL, ""}));
     }
 
     bool HasEntry(const std::string &owner, unsigned int id)
     {
-        return vbw::HasSection(vbw::StatusFile(owner, id), vbw::SectionName(getpid(), kDown));
+        return HasSection(StatusFile(owner, id), SectionName(getpid(), kDown));
     }
 
     // Reloads and checks that the time base was reset to the reload.
@@ -51,7 +44,6 @@ protected:
         return rc;
     }
 
-    VESK_BANDWIDTH_CONFIG config = {};
     VESK_BANDWIDTH_STATUS status = {};
     int64_t timeLast = 0;
 };
@@ -84,7 +76,7 @@ TEST_F(HupRecvTest, ProtocolSwitchedOffRemovesEveryEntry)
 // under min, where the group still limits.
 TEST_F(HupRecvTest, UnlimitedUserRateRemovesTheUserEntryOnlyWhenNothingLimits)
 {
-    ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 300, 0));
+    ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 300, 0));
     ASSERT_EQ(0, Reload()) << log.Dump();
     EXPECT_TRUE(HasEntry("user", kAlice));
 
@@ -97,11 +89,11 @@ TEST_F(HupRecvTest, UnlimitedUserRateRemovesTheUserEntryOnlyWhenNothingLimits)
 TEST_F(HupRecvTest, FailedRebuildKeepsTheOldConfiguration)
 {
     const std::string path = "/usr/vesk/etc/bandwidth/bandwidth.ftp.conf";
-    std::string text = vbw::ReadFile(path);
+    std::string text = ReadFile(path);
     size_t at = text.find("download rate=512");
     ASSERT_NE(std::string::npos, at) << text;
     text.replace(at, strlen("download rate=512"), "download rate=12k");
-    vbw::WriteFile(path, text);
+    WriteFile(path, text);
     VESK_BANDWIDTH_LIMIT *oldLimits = config.pLimit;
 
     EXPECT_EQ(-1, Reload());

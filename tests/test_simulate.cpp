@@ -1,4 +1,5 @@
-// The transfer simulator, alone and as several processes sharing limits.
+// The transfer simulator: its chunks, deactivation and reloads.  Several
+// simulators sharing one group limit are the command-line demo's test.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -54,34 +55,18 @@ extern "C" __attribute__((visibility("default"))) int VESKBandwidthSleepInLoop(V
 
 namespace {
 
-class SimulateTest : public vbw::SandboxTest {
+class SimulateTest : public SandboxTest {
 protected:
     // Global ftp record with alice's own download limit.
     void LimitAlice(uint64_t downKBps)
     {
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreGlobal(kFtp, vbw::GlobalSpec()));
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps));
+        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, GlobalSpec()));
+        ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps));
     }
 
-    // Group users limited to downKBps under group-only, every transfer
-    // occupying it.
-    void LimitUsersGroup(uint64_t downKBps)
+    static bool HasEntry(const std::string &owner, unsigned int id, pid_t pid)
     {
-        vbw::GlobalSpec spec;
-        spec.userGroup = VESK_BW_POLICY_GROUP_ONLY;
-        spec.occupy = VESK_BW_OCCUPY_ALL;
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreGlobal(kFtp, spec));
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, downKBps));
-    }
-
-    bool HasEntry(const std::string &owner, unsigned int id, pid_t pid)
-    {
-        return vbw::HasSection(vbw::StatusFile(owner, id), vbw::SectionName(pid, kDown));
-    }
-
-    bool WaitForEntry(const std::string &owner, unsigned int id, pid_t pid)
-    {
-        return vbw::WaitUntil([&] { return HasEntry(owner, id, pid); }, 5000);
+        return HasSection(StatusFile(owner, id), SectionName(pid, kDown));
     }
 };
 
@@ -90,11 +75,11 @@ TEST_F(SimulateTest, UnknownUserOrEmptyTransfer)
     ASSERT_NO_FATAL_FAILURE(LimitAlice(64));
     EXPECT_EQ(-1, VESKBandwidthSimulate("nosuchuser", kFtp, kDown, 64));
     EXPECT_TRUE(log.Contains("VESKUserGetUGID failed. user:[nosuchuser]")) << log.Dump();
-    EXPECT_FALSE(vbw::Exists("/tmp/bandwidth"));
+    EXPECT_FALSE(Exists("/tmp/bandwidth"));
 
     // Size 0: registered, then removed at once.
     EXPECT_EQ(0, VESKBandwidthSimulate("alice", kFtp, kDown, 0)) << log.Dump();
-    EXPECT_TRUE(vbw::Exists(vbw::StatusFile("user", kAlice)));
+    EXPECT_TRUE(Exists(StatusFile("user", kAlice)));
     EXPECT_FALSE(HasEntry("user", kAlice, getpid()));
 }
 
@@ -103,22 +88,22 @@ TEST_F(SimulateTest, UnknownUserOrEmptyTransfer)
 TEST_F(SimulateTest, PlaysEveryChunkThroughTheSleepLoop)
 {
     ASSERT_NO_FATAL_FAILURE(LimitAlice(2048));
-    const std::string file = vbw::StatusFile("user", kAlice);
-    const std::string section = vbw::SectionName(getpid(), kDown);
+    const std::string file = StatusFile("user", kAlice);
+    const std::string section = SectionName(getpid(), kDown);
     std::atomic<bool> done(false);
     std::vector<int> seen;
     std::thread watcher([&] {
         while (!done) {
-            std::map<std::string, std::string> entry = vbw::ReadSection(file, section);
+            std::map<std::string, std::string> entry = ReadSection(file, section);
             if (!entry.empty() && (seen.empty() || seen.back() != atoi(entry["progress"].c_str()))) {
                 seen.push_back(atoi(entry["progress"].c_str()));
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(3));
         }
     });
-    int64_t start = vbw::NowMs();
+    int64_t start = NowMs();
     int rc = VESKBandwidthSimulate("alice", kFtp, kDown, 1024);
-    int64_t tookMs = vbw::NowMs() - start;
+    int64_t tookMs = NowMs() - start;
     done = true;
     watcher.join();
 
@@ -134,63 +119,17 @@ TEST_F(SimulateTest, PlaysEveryChunkThroughTheSleepLoop)
     }
 }
 
-TEST_F(SimulateTest, TransfersUnderOneGroupShareItsLimit)
-{
-    const uint64_t fairBps = 256 * 1024;
-    ASSERT_NO_FATAL_FAILURE(LimitUsersGroup(3 * 256));
-    const char *users[] = {"alice", "bob", "carol"};
-    std::vector<pid_t> children;
-    for (const char *user : users) {
-        children.push_back(vbw::ForkSimulator(user, kFtp, kDown, 512));  // two seconds at the fair part
-    }
-
-    // Sample the group's file while the three run side by side.
-    std::map<unsigned int, std::vector<uint64_t>> speeds;
-    int samplesWithAll = 0;
-    for (int64_t end = vbw::NowMs() + 1700; vbw::NowMs() < end;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        VESK_BANDWIDTH_STATUS *list = NULL;
-        VESKBandwidthStatusGetAll(VESK_BW_OWNER_GROUP, kUsers, kFtp, kDown, &list);
-        std::map<unsigned int, uint64_t> sample;
-        for (VESK_BANDWIDTH_STATUS *p = list; NULL != p; p = p->pNext) {
-            sample[p->uid] = p->current_speed;
-        }
-        VESKBandwidthStatusListFree(&list);
-        if (3 == sample.size()) {
-            ++samplesWithAll;
-            for (const auto &entry : sample) {
-                speeds[entry.first].push_back(entry.second);
-            }
-        }
-    }
-    for (pid_t child : children) {
-        EXPECT_EQ(0, vbw::WaitExit(child, 10000));
-    }
-    EXPECT_GE(samplesWithAll, 3);
-    ASSERT_EQ(3u, speeds.size());
-    for (auto &entry : speeds) {
-        std::vector<uint64_t> &samples = entry.second;
-        std::sort(samples.begin(), samples.end());
-        uint64_t median = samples[samples.size() / 2];
-        EXPECT_GE(median, fairBps / 2) << "uid " << entry.first;
-        EXPECT_LE(median, fairBps * 3 / 2) << "uid " << entry.first;
-    }
-    for (pid_t child : children) {
-        EXPECT_FALSE(HasEntry("group", kUsers, child));
-    }
-}
-
 TEST_F(SimulateTest, DeactivatedTransferIsClosed)
 {
     ASSERT_NO_FATAL_FAILURE(LimitAlice(128));
-    pid_t child = vbw::ForkSimulator("alice", kFtp, kDown, 64 * 100);  // fifty seconds if left alone
-    ASSERT_TRUE(WaitForEntry("user", kAlice, child));
+    pid_t child = ForkSimulator("alice", kFtp, kDown, 64 * 100);  // fifty seconds if left alone
+    ASSERT_TRUE(WaitUntil([&] { return HasEntry("user", kAlice, child); }, 5000));
 
     // A save of the transfer overlapping ours can undo it; the next try heals that.
     int status = -1;
     for (int attempt = 0; attempt < 4 && -1 == status; ++attempt) {
         ASSERT_EQ(0, VESKBandwidthStatusSetActiveByUserName("alice", kDown, child, 0)) << log.Dump();
-        status = vbw::WaitExit(child, attempt < 3 ? 1500 : 0);
+        status = WaitExit(child, attempt < 3 ? 1500 : 0);
     }
     EXPECT_EQ(1, status);
     EXPECT_EQ(1, log.Count("Connection was closed. user:[alice] file:[/volume1/public/" + std::to_string(child) +
@@ -201,38 +140,19 @@ TEST_F(SimulateTest, DeactivatedTransferIsClosed)
 TEST_F(SimulateTest, HangupMakesExactlyOneReload)
 {
     ASSERT_NO_FATAL_FAILURE(LimitAlice(256));  // a pass every quarter of a second
-    vbw::InstallKillallStandIn();
-    pid_t child = vbw::ForkSimulator("alice", kFtp, kDown, 64 * 40);
-    ASSERT_TRUE(WaitForEntry("user", kAlice, child));
-    ASSERT_TRUE(vbw::WaitUntil([] { return !vbw::ReadFile(kCallsFile).empty(); }, 2000))
+    InstallKillallStandIn();
+    pid_t child = ForkSimulator("alice", kFtp, kDown, 64 * 40);
+    ASSERT_TRUE(WaitUntil([&] { return HasEntry("user", kAlice, child); }, 5000));
+    ASSERT_TRUE(WaitUntil([] { return !ReadFile(kCallsFile).empty(); }, 2000))
         << "the library's own calls no longer reach the recording stand-ins";
 
     EXPECT_EQ(0, VESKBandwidthHupSimulator());
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-    EXPECT_EQ(-1, vbw::WaitExit(child, 0));  // still transferring
-    EXPECT_EQ("-sighup veskbandwidth\n", vbw::ReadFile("/tmp/killall.args"));
-    std::string calls = vbw::ReadFile(kCallsFile);
+    EXPECT_EQ(-1, WaitExit(child, 0));  // still transferring
+    EXPECT_EQ("-sighup veskbandwidth\n", ReadFile("/tmp/killall.args"));
+    std::string calls = ReadFile(kCallsFile);
     EXPECT_EQ(1, std::count(calls.begin(), calls.end(), 'R')) << calls;
     EXPECT_TRUE(std::regex_match(calls, std::regex("S+RS{2,}"))) << calls;
-}
-
-// Disabling the protocol signals the simulators; the reload withdraws the
-// transfer's entries, group copies included, and the rest runs unthrottled.
-TEST_F(SimulateTest, LimitSwitchedOffByAdministrator)
-{
-    ASSERT_NO_FATAL_FAILURE(LimitUsersGroup(256));
-    vbw::InstallKillallStandIn();
-    pid_t child = vbw::ForkSimulator("alice", kFtp, kDown, 64 * 40);  // ten seconds if left alone
-    ASSERT_TRUE(WaitForEntry("group", kUsers, child));
-    ASSERT_TRUE(HasEntry("user", kAlice, child));
-
-    VESK_BANDWIDTH_GLOBAL_CONF off;
-    ASSERT_EQ(0, VESKBandwidthGlobalConfGet(kFtp, &off));
-    off.iState = VESK_BW_STATE_DISABLED;
-    ASSERT_EQ(0, VESKBandwidthGlobalConfSet(&off));
-    EXPECT_EQ(0, vbw::WaitExit(child, 3000)) << log.Dump();
-    EXPECT_FALSE(HasEntry("group", kUsers, child));
-    EXPECT_FALSE(HasEntry("user", kAlice, child));
 }
 
 }  // namespace

@@ -1,41 +1,28 @@
 // The transfer-size estimate and the speed preview.
-#include <stdlib.h>
-
 #include "transfer_support.h"
 
 namespace {
 
 using namespace vbw;
 
-// A configuration in memory: alice's own download limit, user-first.
-class SizeEstimateTest : public vbw::SandboxTest {
+// A configuration in memory: alice's own download limit of 128 KB/s, user-first.
+class SizeEstimateTest : public ConfigTest {
 protected:
     void SetUp() override
     {
-        vbw::SandboxTest::SetUp();
-        memset(&config, 0, sizeof(config));
-        config.uid = kAlice;
-        config.iLimitCount = 1;
-        config.blUserConfExist = 1;
-        config.pLimit = (VESK_BANDWIDTH_LIMIT *)calloc(1, sizeof(VESK_BANDWIDTH_LIMIT));
-        config.pLimit[0] = vbw::Limit(VESK_BW_OWNER_USER, kAlice, 0, 128);
+        ConfigTest::SetUp();
+        Use({Limit(VESK_BW_OWNER_USER, kAlice, 0, 128)});
         config.pLimit[0].ullMaxSpeedBps = 777;
-        config.globalConf.iCurState = config.globalConf.iState = VESK_BW_STATE_ENABLED;
-        config.globalConf.iProtocol = VESK_BW_PROTOCOL_FTP;
-        config.globalConf.iUserGroupPolicy = VESK_BW_POLICY_USER_FIRST;
-        config.globalConf.iInterGroupPolicy = VESK_BW_POLICY_MAX;
-        config.globalConf.iOccupyPolicy = VESK_BW_OCCUPY_MAX;
+        config.blUserConfExist = 1;
+        config.globalConf = GlobalConf(kFtp);
+        config.globalConf.iCurState = VESK_BW_STATE_ENABLED;
     }
-    void TearDown() override { VESKBandwidthConfigFree(&config); }
-
     uint64_t Estimate(uint64_t request, int transferType = kDown)
     {
         uint64_t bytes = 4242;
         EXPECT_EQ(0, VESKBandwidthTransferSizeEstimate(&config, transferType, request, &bytes)) << log.Dump();
         return bytes;
     }
-
-    VESK_BANDWIDTH_CONFIG config;
 };
 
 TEST_F(SizeEstimateTest, ChunkHoldsAtMostFiveSecondsOfData)
@@ -65,51 +52,34 @@ TEST_F(SizeEstimateTest, UnlimitedTransferGetsTheWholeRequest)
     EXPECT_EQ(777u, config.pLimit[0].ullMaxSpeedBps);
 }
 
-class PreviewTest : public vbw::SandboxTest {
+class PreviewTest : public SandboxTest {
 protected:
-    void StoreGlobal(int protocol, int state, int userGroupPolicy, const std::string &plan = "")
+    int Preview(int state, int protocol = kFtp)
     {
-        vbw::GlobalSpec spec;
-        spec.state = state;
-        spec.userGroup = userGroupPolicy;
-        spec.plan = plan;
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreGlobal(protocol, spec));
+        StoreGlobal(kFtp, {state, VESK_BW_POLICY_USER_FIRST, VESK_BW_POLICY_MAX, VESK_BW_OCCUPY_MAX, WeekPlan('0')});
+        return VESKBandwidthPreview(kAlice, protocol, speeds);
     }
-
     uint64_t speeds[3] = {99, 99, 99};
 };
 
-TEST_F(PreviewTest, ShowsTheSpeedsOfTheLimitsInForce)
-{
-    ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, VESK_BW_STATE_ENABLED, VESK_BW_POLICY_USER_FIRST));
-    ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 512, 1024));
-    ASSERT_EQ(0, VESKBandwidthPreview(kAlice, kFtp, speeds)) << log.Dump();
-    EXPECT_EQ(99u, speeds[0]);
-    EXPECT_EQ(524288u, speeds[1]);
-    EXPECT_EQ(1048576u, speeds[2]);
-
-}
-
 // Only a disabled protocol hides the limits; an hour that the global schedule
 // leaves off still shows them.
-TEST_F(PreviewTest, GlobalStateDecidesWhetherLimitsAreRead)
+TEST_F(PreviewTest, ShowsTheSpeedsOfTheLimitsUnlessTheProtocolIsOff)
 {
-    ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 512, 1024));
-    ASSERT_NO_FATAL_FAILURE(
-        StoreGlobal(kFtp, VESK_BW_STATE_SCHEDULE, VESK_BW_POLICY_USER_FIRST, vbw::WeekPlan('0')));
-    ASSERT_EQ(0, VESKBandwidthPreview(kAlice, kFtp, speeds)) << log.Dump();
-    EXPECT_EQ(524288u, speeds[1]);
-    EXPECT_EQ(1048576u, speeds[2]);
-
-    ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, VESK_BW_STATE_DISABLED, VESK_BW_POLICY_USER_FIRST));
-    ASSERT_EQ(0, VESKBandwidthPreview(kAlice, kFtp, speeds)) << log.Dump();
+    ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 512, 1024));
+    for (int state : {VESK_BW_STATE_ENABLED, VESK_BW_STATE_SCHEDULE}) {
+        ASSERT_EQ(0, Preview(state)) << log.Dump();
+        EXPECT_EQ(99u, speeds[0]);
+        EXPECT_EQ(524288u, speeds[1]);
+        EXPECT_EQ(1048576u, speeds[2]);
+    }
+    ASSERT_EQ(0, Preview(VESK_BW_STATE_DISABLED)) << log.Dump();
     EXPECT_EQ(0u, speeds[1]);
     EXPECT_EQ(0u, speeds[2]);
-}
 
-TEST_F(PreviewTest, RefusedProtocolWritesNothing)
-{
-    EXPECT_EQ(-1, VESKBandwidthPreview(kAlice, VESK_BW_PROTOCOL_ALL, speeds));
+    // A refused protocol writes nothing.
+    speeds[1] = speeds[2] = 99;
+    EXPECT_EQ(-1, Preview(VESK_BW_STATE_ENABLED, VESK_BW_PROTOCOL_ALL));
     EXPECT_TRUE(log.Contains("VESKBandwidthConfigGet failed. uid:[1026] protocol_type:[15] [0x0D00")) << log.Dump();
     EXPECT_EQ(99u, speeds[1]);
     EXPECT_EQ(99u, speeds[2]);

@@ -42,26 +42,6 @@ namespace {
 
 using namespace vbw;
 
-// A configuration held in memory; its records are set by the test.
-struct MemConfig {
-    VESK_BANDWIDTH_CONFIG config;
-
-    explicit MemConfig(int count)
-    {
-        memset(&config, 0, sizeof(config));
-        config.uid = kAlice;
-        config.iLimitCount = count;
-        config.blGroupConfExist = 1;
-        config.pLimit = (VESK_BANDWIDTH_LIMIT *)calloc((size_t)count, sizeof(VESK_BANDWIDTH_LIMIT));
-    }
-    ~MemConfig() { VESKBandwidthConfigFree(&config); }
-    void Set(int i, int ownerType, unsigned int id, uint64_t share)
-    {
-        config.pLimit[i] = vbw::Limit(ownerType, id, 0, 100);
-        config.pLimit[i].ullOccupyShare = share;
-    }
-};
-
 int LocalHourNow()
 {
     time_t now = time(NULL);
@@ -70,37 +50,46 @@ int LocalHourNow()
     return local.tm_hour;
 }
 
-class OccGroupsTest : public vbw::SandboxTest {};
+class OccGroupsTest : public ConfigTest {
+protected:
+    // One limit record per id: alice's own first, then groups, each with a share.
+    void Occupy(const std::vector<std::pair<unsigned, uint64_t>> &shares)
+    {
+        std::vector<VESK_BANDWIDTH_LIMIT> limits;
+        for (const auto &share : shares) {
+            limits.push_back(Limit(kAlice == share.first ? VESK_BW_OWNER_USER : VESK_BW_OWNER_GROUP, share.first, 0, 100));
+            limits.back().ullOccupyShare = share.second;
+        }
+        Use(limits);
+        config.blGroupConfExist = 1;
+    }
+};
 
 TEST_F(OccGroupsTest, ListsOccupiedGroupsInOrder)
 {
-    MemConfig mem(4);
-    mem.Set(0, VESK_BW_OWNER_USER, kAlice, 10000);
-    mem.Set(1, VESK_BW_OWNER_GROUP, 100, 0);
-    mem.Set(2, VESK_BW_OWNER_GROUP, 101, 2500);
-    mem.Set(3, VESK_BW_OWNER_GROUP, 103, 7500);
+    Occupy({{kAlice, 10000}, {100, 0}, {101, 2500}, {103, 7500}});
     uint32_t groups[BW_OCC_GROUPS_MAX] = {};
     int count = -1;
-    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups, &count, &mem.config));
+    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups, &count, &config));
     ASSERT_EQ(2, count);
     EXPECT_EQ(101u, groups[0]);
     EXPECT_EQ(103u, groups[1]);
 
-    mem.config.blGroupConfExist = 0;  // no group limit in force: nothing occupied
-    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups, &count, &mem.config));
+    config.blGroupConfExist = 0;  // no group limit in force: nothing occupied
+    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups, &count, &config));
     EXPECT_EQ(0, count);
 }
 
 TEST_F(OccGroupsTest, StopsAtCapacityAndLogsOnce)
 {
-    const int kRecords = BW_OCC_GROUPS_MAX + 76;
-    MemConfig mem(kRecords);
-    for (int i = 0; i < kRecords; ++i) {
-        mem.Set(i, VESK_BW_OWNER_GROUP, 5000 + i, 1);
+    std::vector<std::pair<unsigned, uint64_t>> shares;
+    for (unsigned i = 0; i < BW_OCC_GROUPS_MAX + 76; ++i) {
+        shares.emplace_back(5000 + i, 1);
     }
+    Occupy(shares);
     std::vector<uint32_t> groups(BW_OCC_GROUPS_MAX + 1, 0xDEADBEEF);
     int count = 0;
-    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups.data(), &count, &mem.config));
+    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups.data(), &count, &config));
     EXPECT_EQ(BW_OCC_GROUPS_MAX, count);
     EXPECT_EQ(5000u, groups[0]);
     EXPECT_EQ(5000u + BW_OCC_GROUPS_MAX - 1, groups[BW_OCC_GROUPS_MAX - 1]);
@@ -109,20 +98,13 @@ TEST_F(OccGroupsTest, StopsAtCapacityAndLogsOnce)
 }
 
 // A transfer of alice (ftp download) registered under the limits stored by the test.
-class SleepLoopTest : public vbw::SandboxTest {
+class SleepLoopTest : public ConfigTest {
 protected:
-    void TearDown() override { VESKBandwidthConfigFree(&config); }
-
     // Global record enabled (user-first), alice's own download limit.
-    void LimitAlice(uint64_t downKBps, int state = VESK_BW_STATE_ENABLED, const std::string &plan = "")
+    void Start(uint64_t downKBps, int state = VESK_BW_STATE_ENABLED, const std::string &plan = "")
     {
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreGlobal(kFtp, vbw::GlobalSpec()));
-        ASSERT_NO_FATAL_FAILURE(vbw::StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps, state, plan));
-    }
-
-    void Start()
-    {
-        memset(&status, 0, sizeof(status));
+        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, GlobalSpec()));
+        ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps, state, plan));
         ASSERT_EQ(0, VESKBandwidthConfigGet(kAlice, kFtp, &config));
         ASSERT_EQ(0, VESKBandwidthStatusInit(&config, kDown, "/volume1/public/f", &timeLast, &status));
     }
@@ -132,12 +114,11 @@ protected:
         return VESKBandwidthSleepInLoop(&config, cb, progress, &timeLast, &status);
     }
 
-    std::map<std::string, std::string> Entry(const std::string &owner = "user", unsigned int id = kAlice)
+    std::map<std::string, std::string> Entry()
     {
-        return vbw::ReadSection(vbw::StatusFile(owner, id), vbw::SectionName(getpid(), kDown));
+        return ReadSection(StatusFile("user", kAlice), SectionName(getpid(), kDown));
     }
 
-    VESK_BANDWIDTH_CONFIG config = {};
     VESK_BANDWIDTH_STATUS status = {};
     int64_t timeLast = 0;
 };
@@ -148,12 +129,11 @@ protected:
 // pass belongs to the process.
 TEST_F(SleepLoopTest, SchedulesAreResolvedAgainOnlyWhenNeeded)
 {
-    ASSERT_NO_FATAL_FAILURE(LimitAlice(128, VESK_BW_STATE_SCHEDULE, vbw::WeekPlan('1')));
-    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Start(128, VESK_BW_STATE_SCHEDULE, WeekPlan('1')));
     ASSERT_FALSE(Entry().empty());
     auto plan = [&](char c) {
         snprintf(config.pLimit[0].szSchedulePlan, sizeof(config.pLimit[0].szSchedulePlan), "%s",
-                 vbw::WeekPlan(c).c_str());
+                 WeekPlan(c).c_str());
     };
     int hour = LocalHourNow();
 
@@ -181,14 +161,13 @@ TEST_F(SleepLoopTest, SchedulesAreResolvedAgainOnlyWhenNeeded)
 
 TEST_F(SleepLoopTest, ThrottledPassSleepsMeasuresAndSaves)
 {
-    ASSERT_NO_FATAL_FAILURE(LimitAlice(128));
-    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Start(128));
 
     // 64 KiB at 128 KiB/s take 500 ms, of which 250 ms have passed.
     timeLast = VESKBandwidthCurrTimeGet() - 250000;
-    int64_t start = vbw::NowMs();
+    int64_t start = NowMs();
     ASSERT_EQ(0, Pass(65536, 4321)) << log.Dump();
-    int64_t tookMs = vbw::NowMs() - start;
+    int64_t tookMs = NowMs() - start;
     EXPECT_GE(tookMs, 200);
     EXPECT_LE(tookMs, 1500);
     EXPECT_EQ(131072u, status.expect_speed);
@@ -202,11 +181,11 @@ TEST_F(SleepLoopTest, ThrottledPassSleepsMeasuresAndSaves)
 
     // 600 ms for the same chunk: no sleep, about 109,226 bytes/s.  The entry,
     // collected meanwhile by another process, is written again.
-    ASSERT_EQ(0, unlink(vbw::StatusFile("user", kAlice).c_str()));
+    ASSERT_EQ(0, unlink(StatusFile("user", kAlice).c_str()));
     timeLast = VESKBandwidthCurrTimeGet() - 600000;
-    start = vbw::NowMs();
+    start = NowMs();
     ASSERT_EQ(0, Pass(65536, 5000));
-    EXPECT_LT(vbw::NowMs() - start, 200);
+    EXPECT_LT(NowMs() - start, 200);
     EXPECT_LE(status.current_speed, 109226u);
     EXPECT_GE(status.current_speed, 80000u);
     EXPECT_EQ("5000", Entry()["progress"]);
@@ -214,8 +193,7 @@ TEST_F(SleepLoopTest, ThrottledPassSleepsMeasuresAndSaves)
 
 TEST_F(SleepLoopTest, DeactivatedTransferEndsWithoutSaving)
 {
-    ASSERT_NO_FATAL_FAILURE(LimitAlice(128));
-    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Start(128));
     ASSERT_EQ(0, VESKBandwidthStatusSetActiveByUserName("alice", kDown, getpid(), 0));
     log.Clear();
 
@@ -233,8 +211,7 @@ TEST_F(SleepLoopTest, DeactivatedTransferEndsWithoutSaving)
 // 16 MiB at 1 KB/s take 16,384 s, far more than one usleep count can hold.
 TEST_F(SleepLoopTest, LongWaitIsSleptInPieces)
 {
-    ASSERT_NO_FATAL_FAILURE(LimitAlice(1));
-    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Start(1));
     const uint64_t cb = 16u << 20;
     const uint64_t waitUs = 16384ull * 1000000;
 

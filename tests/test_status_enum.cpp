@@ -5,67 +5,34 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "vbw_test.h"
-#include "veskbandwidth.h"
-#include "vesk_file.h"
+#include "vbw_throttle_fixture.h"
 
 namespace {
 
-const std::string kDir = "/tmp/bandwidth/";
-const std::string kFile = kDir + "user-1026";
+const std::string kFile = "/tmp/bandwidth/user-1026";
+const int kUpload = VESK_BW_TRANSFER_UPLOAD;
 
-struct Entry {
-    pid_t pid;
-    int64_t age;  // seconds before now
-    int protocol = VESK_BW_PROTOCOL_FTP;
-    int transfer = VESK_BW_TRANSFER_DOWNLOAD;
-    uint64_t expect = 1000;
-    uint64_t current = 500;
-};
+// Alice's transfer by pid: current speed 500, expect speed 1000 unless given.
+vbw::StatusEntry Entry(pid_t pid, int64_t age = 0, const char *protocol = "ftp", int transfer = vbw::kDown,
+                       uint64_t expect = 1000, uint64_t current = 500)
+{
+    return {pid, 1026, current, 1, transfer, protocol, age, expect};
+}
 
 class StatusEnumTest : public vbw::SandboxTest {
 protected:
-    void SetUp() override
-    {
-        vbw::SandboxTest::SetUp();
-        vbw::MakeDirs(kDir, 0777);
-    }
     void TearDown() override { VESKBandwidthStatusListFree(&list_); }
 
-    static std::string Section(const Entry &e) { return std::to_string(e.pid) + "-" + std::to_string(e.transfer); }
-
-    // Appends the sections in order, their timestamps `age` seconds before `now`.
-    static void Save(const std::vector<Entry> &entries, time_t now)
-    {
-        VLIBC_SZHASH *hash = VLIBCSzHashAlloc(16);
-        for (const Entry &e : entries) {
-            VESK_BANDWIDTH_STATUS status = {};
-            status.pid = e.pid;
-            status.id = status.uid = 1026;
-            status.active = 1;
-            status.timestamp = (int64_t)now - e.age;
-            status.expect_speed = e.expect;
-            status.current_speed = e.current;
-            snprintf(status.filename, sizeof status.filename, "/share/%d", e.pid);
-            status.owner_type = VESK_BW_OWNER_USER;
-            status.protocol_type = (VESK_BW_PROTOCOL_TYPE)e.protocol;
-            status.transfer_type = (VESK_BW_TRANSFER_TYPE)e.transfer;
-            ASSERT_EQ(0, VESKBandwidthInitHashFromStatus(&hash, &status));
-            ASSERT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), Section(e).c_str(), hash));
-        }
-        VLIBCSzHashFree(hash);
-    }
-
-    int GetAll(int protocols = VESK_BW_PROTOCOL_ALL, unsigned transfers = VESK_BW_TRANSFER_ALL, int merge = 0)
+    int GetAll(int protocols = VESK_BW_PROTOCOL_ALL, unsigned transfers = VESK_BW_TRANSFER_ALL, int merge = 0,
+               const std::string &file = kFile)
     {
         VESKBandwidthStatusListFree(&list_);
-        return VESKBandwidthIStatusGetAll(kFile.c_str(), protocols, transfers, &list_, merge);
+        return VESKBandwidthIStatusGetAll(file.c_str(), protocols, transfers, &list_, merge);
     }
 
     // Runs `body(now)` until the clock did not tick during it, so that ages
@@ -92,16 +59,13 @@ protected:
         return pids;
     }
 
-    static std::vector<std::string> FileSections()
+    static std::vector<std::string> FileSections()  // sorted
     {
-        VLIBC_SZLIST *names = VLIBCSzListAlloc(16);
-        int count = VLIBCFileEnumSection(kFile.c_str(), &names);
-        std::vector<std::string> result;
-        for (int i = 0; i < count; ++i) {
-            result.push_back(VLIBCSzListGet(names, i));
+        std::vector<std::string> names;
+        for (const auto &section : vbw::ReadSections(kFile)) {
+            names.push_back(section.first);
         }
-        VLIBCSzListFree(names);
-        return result;
+        return names;
     }
 
     static void SetAge(const std::string &path, time_t now, int age)
@@ -116,35 +80,25 @@ protected:
 TEST_F(StatusEnumTest, ThirtySecondsIsFreshThirtyOneIsCollected)
 {
     int count = -1;
-    ASSERT_TRUE(WithinOneSecond([&](time_t now) {
-        unlink(kFile.c_str());
-        Save({{1, 30}, {2, 31}, {3, -100}, {4, 31, VESK_BW_PROTOCOL_WEBDAV, VESK_BW_TRANSFER_UPLOAD}}, now);
+    ASSERT_TRUE(WithinOneSecond([&](time_t) {
+        vbw::WriteStatusFile("user", 1026, {Entry(1, 30), Entry(2, 31), Entry(3, -100), Entry(4, 31, "webdav", kUpload)});
         count = GetAll(VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_DOWNLOAD);
     }));
     EXPECT_EQ(2, count);
-    EXPECT_EQ((std::vector<pid_t>{3, 1}), Pids());
+    EXPECT_EQ((std::vector<pid_t>{3, 1}), Pids());  // file order reversed
+    EXPECT_STREQ("/share/f1", list_->pNext->filename);
+    EXPECT_EQ(1026u, list_->uid);
     // The stale webdav upload goes too, although the filters leave it out.
     EXPECT_EQ((std::vector<std::string>{"1-2", "3-2"}), FileSections());
 }
 
-TEST_F(StatusEnumTest, FileOrderGivesReversedList)
-{
-    Save({{11, 0}, {12, 0}, {13, 0}}, time(nullptr));
-    EXPECT_EQ(3, GetAll());
-    EXPECT_EQ((std::vector<pid_t>{13, 12, 11}), Pids());
-    EXPECT_STREQ("/share/12", list_->pNext->filename);
-    EXPECT_EQ(1026u, list_->uid);
-}
-
 TEST_F(StatusEnumTest, MasksSelectProtocolsAndDirections)
 {
-    Save({{1, 0, VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_UPLOAD},
-          {2, 0, VESK_BW_PROTOCOL_WEBDAV, VESK_BW_TRANSFER_DOWNLOAD},
-          {3, 0, VESK_BW_PROTOCOL_RSYNC, VESK_BW_TRANSFER_DOWNLOAD},
-          {4, 0, VESK_BW_PROTOCOL_LANTERNPOST, VESK_BW_TRANSFER_UPLOAD}},
-         time(nullptr));
+    vbw::WriteStatusFile("user", 1026, {Entry(1, 0, "ftp", kUpload), Entry(2, 0, "webdav"), Entry(3, 0, "rsync"),
+                                        Entry(4, 0, "lanternpost", kUpload)});
     EXPECT_EQ(4, GetAll(VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_ALL));
-    EXPECT_EQ(2, GetAll(VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_UPLOAD));
+    EXPECT_EQ((std::vector<pid_t>{4, 3, 2, 1}), Pids());
+    EXPECT_EQ(2, GetAll(VESK_BW_PROTOCOL_ALL, kUpload));
     EXPECT_EQ((std::vector<pid_t>{4, 1}), Pids());
     EXPECT_EQ(2, GetAll(VESK_BW_PROTOCOL_WEBDAV | VESK_BW_PROTOCOL_RSYNC, VESK_BW_TRANSFER_ALL));
     EXPECT_EQ((std::vector<pid_t>{3, 2}), Pids());
@@ -154,11 +108,10 @@ TEST_F(StatusEnumTest, MasksSelectProtocolsAndDirections)
 
 TEST_F(StatusEnumTest, MergeSumsSpeedsPerProtocolAndDirection)
 {
-    Save({{1, 0, VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_DOWNLOAD, 100, 10},
-          {2, 0, VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_DOWNLOAD, 200, 20},
-          {3, 0, VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_UPLOAD, 700, 70},
-          {4, 0, VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_DOWNLOAD, 300, 30}},
-         time(nullptr));
+    std::vector<vbw::StatusEntry> entries = {Entry(1, 0, "ftp", vbw::kDown, 100, 10),
+                                             Entry(2, 0, "ftp", vbw::kDown, 200, 20),
+                                             Entry(3, 0, "ftp", kUpload, 700, 70), Entry(4, 0, "ftp", vbw::kDown, 300, 30)};
+    vbw::WriteStatusFile("user", 1026, entries);
     ASSERT_EQ(2, GetAll(VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_ALL, 1));
     EXPECT_EQ((std::vector<pid_t>{3, 1}), Pids());  // the merged record keeps the first section's fields
     EXPECT_EQ(600u, list_->pNext->expect_speed);
@@ -168,7 +121,8 @@ TEST_F(StatusEnumTest, MergeSumsSpeedsPerProtocolAndDirection)
     // Any value but 1 keeps one record per section.
     EXPECT_EQ(4, GetAll(VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_ALL, 2));
 
-    Save({{5, 0, VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_DOWNLOAD, 0, 40}}, time(nullptr));
+    entries.push_back(Entry(5, 0, "ftp", vbw::kDown, 0, 40));
+    vbw::WriteStatusFile("user", 1026, entries);
     ASSERT_EQ(1, GetAll(VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_DOWNLOAD, 1));
     EXPECT_EQ(0u, list_->expect_speed);  // unlimited wins
     EXPECT_EQ(100u, list_->current_speed);
@@ -176,16 +130,11 @@ TEST_F(StatusEnumTest, MergeSumsSpeedsPerProtocolAndDirection)
 
 TEST_F(StatusEnumTest, UnconvertibleSectionIsSkippedAndKept)
 {
-    Save({{1, 0}}, time(nullptr));
-    VLIBC_SZHASH *hash = VLIBCSzHashAlloc(4);
-    ASSERT_LE(0, VLIBCSzHashSetValue(&hash, "id", "12abc"));
-    ASSERT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "2-2", hash));
-    VLIBCSzHashFree(hash);
-
+    vbw::WriteStatusFile("user", 1026, {Entry(1)});
+    vbw::WriteFile(kFile, vbw::ReadFile(kFile) + "[2-2]\nid=12abc\n", 0666);
     EXPECT_EQ(1, GetAll());
     EXPECT_EQ((std::vector<pid_t>{1}), Pids());
-    EXPECT_TRUE(log.Contains("bandwidth_status_get_all.cpp:")) << log.Dump();
-    EXPECT_TRUE(log.Contains("Init status from hash failed. [0x4000")) << log.Dump();
+    EXPECT_TRUE(log.From("bandwidth_status_get_all.cpp", "Init status from hash failed. [0x4000")) << log.Dump();
     EXPECT_EQ((std::vector<std::string>{"1-2", "2-2"}), FileSections());
 }
 
@@ -194,12 +143,10 @@ TEST_F(StatusEnumTest, HeadIsWrittenOnlyForAListOfRecords)
     VESK_BANDWIDTH_STATUS sentinel = {};
     VESK_BANDWIDTH_STATUS *head = &sentinel;
     EXPECT_EQ(0, VESKBandwidthIStatusGetAll(kFile.c_str(), 15, 3, &head, 0));  // absent file
-    vbw::WriteFile(kFile, "", 0666);
+    vbw::WriteStatusFile("user", 1026, {});
     EXPECT_EQ(0, VESKBandwidthIStatusGetAll(kFile.c_str(), 15, 3, &head, 0));  // no sections
-    Save({{1, 40}}, time(nullptr));
+    vbw::WriteStatusFile("user", 1026, {Entry(1, 40)});
     EXPECT_EQ(0, VESKBandwidthIStatusGetAll(kFile.c_str(), 15, 3, &head, 0));  // only stale ones
-    EXPECT_EQ(&sentinel, head);
-
     EXPECT_EQ(-1, VESKBandwidthIStatusGetAll(nullptr, 15, 3, &head, 0));
     EXPECT_TRUE(log.Contains("Invaild Argument (((void *)0) != szStatusFile)=[0]")) << log.Dump();
     EXPECT_EQ(-1, VESKBandwidthIStatusGetAll(kFile.c_str(), 15, 3, nullptr, 0));
@@ -207,37 +154,31 @@ TEST_F(StatusEnumTest, HeadIsWrittenOnlyForAListOfRecords)
     EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
     EXPECT_EQ(&sentinel, head);
 
-    VESKBandwidthStatusListFree(nullptr);
-}
-
-TEST_F(StatusEnumTest, OwnerTypeAndIdNameTheFile)
-{
-    Save({{1, 0}}, time(nullptr));
+    // The owner type and id name the file.
+    vbw::WriteStatusFile("user", 1026, {Entry(1)});
     EXPECT_EQ(1, VESKBandwidthStatusGetAll(VESK_BW_OWNER_USER, 1026, 15, 3, &list_));
     ASSERT_NE(nullptr, list_);
     EXPECT_EQ(1, list_->pid);
     VESKBandwidthStatusListFree(&list_);
     EXPECT_EQ(nullptr, list_);
     EXPECT_EQ(0, VESKBandwidthStatusGetAll(VESK_BW_OWNER_GROUP, 1026, 15, 3, &list_));
-
     EXPECT_EQ(-1, VESKBandwidthStatusGetAll(7, 1026, 15, 3, &list_));
-    EXPECT_TRUE(log.Contains("bandwidth_status_get_all.cpp:") &&
-                log.Contains("VESKBandwidthEnumToName failed, protocol=7"))
-        << log.Dump();
+    EXPECT_TRUE(log.From("bandwidth_status_get_all.cpp", "VESKBandwidthEnumToName failed, protocol=7")) << log.Dump();
 }
 
 TEST_F(StatusEnumTest, TemporaryFilesAreDeletedAfterTenSeconds)
 {
     const std::string temp = kFile + ".Ab12Cd";
+    vbw::MakeDirs("/tmp/bandwidth", 0777);
     std::vector<int> counts;
     bool keptAtTen = false;
     ASSERT_TRUE(WithinOneSecond([&](time_t now) {
         vbw::WriteFile(temp, "[1-2]\ntimestamp=" + std::to_string(now) + "\n", 0600);
         SetAge(temp, now, 10);
-        counts = {VESKBandwidthIStatusGetAll(temp.c_str(), 15, 3, &list_, 0)};
+        counts = {GetAll(15, 3, 0, temp)};
         keptAtTen = vbw::Exists(temp);
         SetAge(temp, now, 11);
-        counts.push_back(VESKBandwidthIStatusGetAll(temp.c_str(), 15, 3, &list_, 0));
+        counts.push_back(GetAll(15, 3, 0, temp));
     }));
     EXPECT_EQ((std::vector<int>{0, 0}), counts);  // never read as a status file
     EXPECT_EQ(nullptr, list_);
@@ -245,33 +186,28 @@ TEST_F(StatusEnumTest, TemporaryFilesAreDeletedAfterTenSeconds)
     EXPECT_FALSE(vbw::Exists(temp));
 }
 
-TEST_F(StatusEnumTest, LinkAtATemporaryPathIsRemovedButNeverFollowed)
+TEST_F(StatusEnumTest, LinksAreRemovedOrLeftButNeverFollowed)
 {
+    // At a temporary path: the link itself ages, not its target.
     const std::string temp = kFile + ".Zz99Yy";
-    const std::string target = "/tmp/victim";
-    vbw::WriteFile(target, "keep\n", 0644);
-    ASSERT_EQ(0, symlink(target.c_str(), temp.c_str()));
+    vbw::WriteFile("/tmp/victim", "keep\n", 0644);
+    vbw::MakeDirs("/tmp/bandwidth", 0777);
+    ASSERT_EQ(0, symlink("/tmp/victim", temp.c_str()));
     time_t now = time(nullptr);
-    SetAge(target, now, 100);
-    EXPECT_EQ(0, VESKBandwidthIStatusGetAll(temp.c_str(), 15, 3, &list_, 0));
-    struct stat st;
-    EXPECT_EQ(0, lstat(temp.c_str(), &st));  // the link itself is new
+    SetAge("/tmp/victim", now, 100);
+    EXPECT_EQ(0, GetAll(15, 3, 0, temp));
+    EXPECT_TRUE(vbw::Exists(temp));
     SetAge(temp, now, 100);
-    EXPECT_EQ(0, VESKBandwidthIStatusGetAll(temp.c_str(), 15, 3, &list_, 0));
-    EXPECT_NE(0, lstat(temp.c_str(), &st));
-    EXPECT_EQ("keep\n", vbw::ReadFile(target));
-}
+    EXPECT_EQ(0, GetAll(15, 3, 0, temp));
+    EXPECT_FALSE(vbw::Exists(temp));
+    EXPECT_EQ("keep\n", vbw::ReadFile("/tmp/victim"));
 
-TEST_F(StatusEnumTest, LinkAtTheStatusPathLeavesItsTargetUntouched)
-{
-    const std::string target = "/tmp/victim";
-    time_t now = time(nullptr);
+    // At the status path: the stale section cannot be collected through the link.
     const std::string content = "[1-2]\npid=1\nid=1026\ntimestamp=" + std::to_string(now - 100) + "\n";
-    vbw::WriteFile(target, content, 0666);
-    ASSERT_EQ(0, symlink(target.c_str(), kFile.c_str()));
-
-    EXPECT_EQ(0, GetAll());  // the stale section cannot be collected through the link
-    EXPECT_EQ(content, vbw::ReadFile(target));
+    vbw::WriteFile("/tmp/victim", content, 0666);
+    ASSERT_EQ(0, symlink("/tmp/victim", kFile.c_str()));
+    EXPECT_EQ(0, GetAll());
+    EXPECT_EQ(content, vbw::ReadFile("/tmp/victim"));
     struct stat st;
     EXPECT_TRUE(lstat(kFile.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
 }

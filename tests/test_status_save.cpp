@@ -1,63 +1,35 @@
 // Saving, registering and reading back a transfer's status in the shared
 // status files of its user and of the groups it occupies.
 #include <stddef.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
-#include "vbw_test.h"
 #include "vbw_throttle_fixture.h"
-#include "veskbandwidth.h"
 
 namespace {
 
+using vbw::kDown;
 const char kUserFile[] = "/tmp/bandwidth/user-1026";
 
-class StatusSaveTest : public vbw::SandboxTest {
+class StatusSaveTest : public vbw::ConfigTest {
 protected:
     void SetUp() override
     {
-        SandboxTest::SetUp();
+        ConfigTest::SetUp();
         umask(022);
-        memset(&config, 0, sizeof(config));
-        config.uid = 1026;
-        config.globalConf.iState = VESK_BW_STATE_ENABLED;
-        config.globalConf.iProtocol = VESK_BW_PROTOCOL_FTP;
-        config.globalConf.iUserGroupPolicy = config.globalConf.iInterGroupPolicy = VESK_BW_POLICY_MIN;
-        memset(&status, 0, sizeof(status));
-        status.pid = getpid();
-        status.id = status.uid = 1026;
-        status.active = 1;
-        status.timestamp = time(NULL);
-        status.current_speed = 1000;
-        status.expect_speed = 2000;
+        config.globalConf = vbw::GlobalConf(VESK_BW_PROTOCOL_FTP, {1, VESK_BW_POLICY_MIN, VESK_BW_POLICY_MIN, 0, ""});
         strcpy(status.filename, "/share/a.iso");
-        status.owner_type = VESK_BW_OWNER_USER;
-        status.protocol_type = VESK_BW_PROTOCOL_FTP;
-        status.transfer_type = VESK_BW_TRANSFER_DOWNLOAD;
-    }
-    void TearDown() override { free(config.pLimit); }
-
-    // Limit records of the given owners, each with a share and the speed it allows.
-    void Use(const std::vector<VESK_BANDWIDTH_LIMIT> &limits)
-    {
-        config.iLimitCount = (int)limits.size();
-        config.pLimit = (VESK_BANDWIDTH_LIMIT *)calloc(limits.size(), sizeof(VESK_BANDWIDTH_LIMIT));
-        std::copy(limits.begin(), limits.end(), config.pLimit);
     }
     std::map<std::string, std::string> Own(const std::string &file)
     {
-        return vbw::ReadSections(file)[vbw::SectionName(getpid(), VESK_BW_TRANSFER_DOWNLOAD)];
+        return vbw::ReadSection(file, vbw::SectionName(getpid(), kDown));
     }
     int Init(const char *szFileName, int64_t *pWhen, VESK_BANDWIDTH_STATUS *pStatus)
     {
-        return VESKBandwidthStatusInit(&config, VESK_BW_TRANSFER_DOWNLOAD, szFileName, pWhen, pStatus);
+        return VESKBandwidthStatusInit(&config, kDown, szFileName, pWhen, pStatus);
     }
 
-    VESK_BANDWIDTH_CONFIG config;
-    VESK_BANDWIDTH_STATUS status;
+    VESK_BANDWIDTH_STATUS status = vbw::Status(getpid());
 };
 
 VESK_BANDWIDTH_LIMIT Occupied(int owner_type, unsigned id, uint64_t share, uint64_t maxSpeed)
@@ -78,11 +50,11 @@ TEST_F(StatusSaveTest, FirstSaveCreatesTheDirectoryAndTheUserFile)
     EXPECT_EQ(S_IFDIR | 0777u, st.st_mode);
     ASSERT_EQ(0, stat(kUserFile, &st));
     EXPECT_EQ(0666u, st.st_mode & 07777);  // shared by every process of the user
-    const std::string header = "[" + vbw::SectionName(getpid(), VESK_BW_TRANSFER_DOWNLOAD) + "]\n";
-    EXPECT_EQ("\n" + header, vbw::ReadFile(kUserFile).substr(0, header.size() + 1));
+    const std::string header = "\n[" + vbw::SectionName(getpid(), kDown) + "]\n";
+    EXPECT_EQ(header, vbw::ReadFile(kUserFile).substr(0, header.size()));
     EXPECT_EQ("1000", Own(kUserFile)["current speed"]);
     EXPECT_EQ("/share/a.iso", Own(kUserFile)["filename"]);
-    EXPECT_EQ(0, memcmp(&before, &status, sizeof(status)));
+    EXPECT_TRUE(vbw::SameBytes(before, status));
 }
 
 TEST_F(StatusSaveTest, GroupCopiesAreScaledByTheShare)
@@ -104,21 +76,15 @@ TEST_F(StatusSaveTest, GroupCopiesAreScaledByTheShare)
     EXPECT_EQ("1000", Own("/tmp/bandwidth/group-103")["current speed"]);
     EXPECT_FALSE(vbw::Exists("/tmp/bandwidth/group-101"));
     EXPECT_EQ(1u, vbw::ReadSections(kUserFile).size());
-    EXPECT_EQ(0, memcmp(&before, &status, sizeof(status)));
-}
+    EXPECT_TRUE(vbw::SameBytes(before, status));
 
-TEST_F(StatusSaveTest, FailedGroupCopyStillSetsTheRecordBack)
-{
-    Use({Occupied(VESK_BW_OWNER_GROUP, 100, 5000, 300000)});
-    config.blGroupConfExist = 1;
-    vbw::MakeDirs("/tmp/bandwidth/group-100", 0777);  // cannot be rewritten as a file
-    const VESK_BANDWIDTH_STATUS before = status;
+    // A group copy that cannot be written still sets the record back.
+    Use({Occupied(VESK_BW_OWNER_GROUP, 102, 5000, 300000)});
+    vbw::MakeDirs("/tmp/bandwidth/group-102", 0777);  // cannot be rewritten as a file
     EXPECT_EQ(-1, VESKBandwidthStatusSave(1026, &config, &status));
-    EXPECT_TRUE(log.Contains("Save record for uid: [1026], section:[" +
-                             vbw::SectionName(getpid(), VESK_BW_TRANSFER_DOWNLOAD) + "] failed."))
+    EXPECT_TRUE(log.Contains("Save record for uid: [1026], section:[" + vbw::SectionName(getpid(), kDown) + "] failed."))
         << log.Dump();
-    EXPECT_EQ(0, memcmp(&before, &status, sizeof(status)));
-    EXPECT_EQ("1000", Own(kUserFile)["current speed"]);  // the user's copy was written first
+    EXPECT_TRUE(vbw::SameBytes(before, status));
     EXPECT_EQ(022u, umask(022));
 }
 
@@ -141,22 +107,19 @@ TEST_F(StatusSaveTest, InitWritesOnlyALimitedTransfer)
     Use({vbw::Limit(VESK_BW_OWNER_USER, 1026, 0, 512)});
     config.globalConf.iState = VESK_BW_STATE_DISABLED;
     ASSERT_EQ(0, Init("/share/b.iso", &when, &fresh));
-    EXPECT_EQ(getpid(), fresh.pid);
-    EXPECT_EQ(1026u, fresh.id);
-    EXPECT_EQ(1026u, fresh.uid);
-    EXPECT_EQ(1u, fresh.active);
-    EXPECT_EQ(VESK_BW_OWNER_USER, fresh.owner_type);
-    EXPECT_EQ(VESK_BW_PROTOCOL_FTP, fresh.protocol_type);
-    EXPECT_STREQ("/share/b.iso", fresh.filename);
-    EXPECT_EQ(9u, fresh.current_speed);
+    VESK_BANDWIDTH_STATUS expected = vbw::Status(getpid(), 9, 0);
+    expected.timestamp = 0;  // filled: pid, ids, type, protocol, file name, owner and active only
+    memset(expected.filename, 0, sizeof(expected.filename));
+    strcpy(expected.filename, "/share/b.iso");
+    EXPECT_TRUE(vbw::SameBytes(expected, fresh));
 
     config.globalConf.iState = VESK_BW_STATE_ENABLED;
-    config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_DOWNLOAD] = 0;  // unlimited under the policies
+    config.pLimit[0].ullCurRate[kDown] = 0;  // unlimited under the policies
     ASSERT_EQ(0, Init("/share/b.iso", &when, &fresh));
     EXPECT_EQ(42, when);
     EXPECT_FALSE(vbw::Exists("/tmp/bandwidth"));
 
-    config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_DOWNLOAD] = 512;
+    config.pLimit[0].ullCurRate[kDown] = 512;
     for (int i = 0; i < 2; i++) {
         int64_t start = VESKBandwidthCurrTimeGet();
         ASSERT_EQ(0, Init("/share/b.iso", &when, &fresh));
@@ -181,7 +144,7 @@ TEST_F(StatusSaveTest, GetReadsOneSectionOverTheCallersRecord)
     ASSERT_EQ(0, VESKBandwidthStatusSave(1026, NULL, &status));
     VESK_BANDWIDTH_STATUS back;
     memset(&back, 0x5a, sizeof(back));
-    ASSERT_EQ(0, VESKBandwidthStatusGet(VESK_BW_OWNER_USER, 1026, VESK_BW_TRANSFER_DOWNLOAD, &back));
+    ASSERT_EQ(0, VESKBandwidthStatusGet(VESK_BW_OWNER_USER, 1026, kDown, &back));
     EXPECT_EQ((void *)0x5a5a5a5a5a5a5a5aULL, (void *)back.pNext);  // never touched
     back.pNext = NULL;
     EXPECT_EQ(0, memcmp(&status, &back, offsetof(VESK_BANDWIDTH_STATUS, filename)));
@@ -190,17 +153,14 @@ TEST_F(StatusSaveTest, GetReadsOneSectionOverTheCallersRecord)
 
     // A key missing from the section leaves the field as the caller had it.
     vbw::WriteFile(kUserFile, "[4242-2]\npid=4242\ncurrent speed=7\n", 0666);
-    ASSERT_EQ(0, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4242, VESK_BW_TRANSFER_DOWNLOAD, &back));
+    ASSERT_EQ(0, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4242, kDown, &back));
     EXPECT_EQ(7u, back.current_speed);
     EXPECT_STREQ(status.filename, back.filename);
-}
 
-TEST_F(StatusSaveTest, GetFailures)
-{
-    vbw::WriteStatusFile("user", 1026, {{4242, 1026}});
-    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4243, VESK_BW_TRANSFER_DOWNLOAD, &status));
+    // Failures.
+    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4243, kDown, &status));
     EXPECT_TRUE(log.Contains("Get section [4243-2] from [/tmp/bandwidth/user-1026] failed.")) << log.Dump();
-    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1027, 4242, VESK_BW_TRANSFER_DOWNLOAD, &status));
+    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1027, 4242, kDown, &status));
     EXPECT_TRUE(log.Contains("File [/tmp/bandwidth/user-1027] doesn't exist.")) << log.Dump();
     EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4242, VESK_BW_TRANSFER_ALL, &status));
     EXPECT_TRUE(log.Contains("Invaild Argument (VESK_BW_TRANSFER_ALL != transfer_type)=[0]")) << log.Dump();

@@ -1,24 +1,16 @@
 // The status file writer: replace, remove and append of one section, with the
 // bytes outside the section kept, modes and the file-creation mask, symbolic
 // links never followed, and concurrent writers and readers of one file.
-#include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
+#include <filesystem>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "vbw_test.h"
-#include "veskbandwidth.h"
+#include "vbw_throttle_fixture.h"
 #include "vesk_file.h"
 
 namespace {
@@ -26,7 +18,30 @@ namespace {
 const std::string kDir = "/tmp/bandwidth/";
 const std::string kFile = kDir + "user-1026";
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
+// Names in the status directory, sorted.
+std::vector<std::string> DirEntries()
+{
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(kDir)) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+struct stat Stat(const std::string &path)
+{
+    struct stat st = {};
+    EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
+    return st;
+}
+
+// What the platform writes for a section, so that the expectations hold
+// whatever its exact pair syntax.
+std::string SectionText(const char *section, const VLIBC_SZHASH *hash)
+{
+    return vbw::Printed([&](FILE *fp) { return VLIBCFileHash2File(fp, section, hash, 0); });
+}
 
 class StatusWriterTest : public vbw::SandboxTest {
 protected:
@@ -34,97 +49,36 @@ protected:
     {
         vbw::SandboxTest::SetUp();
         vbw::MakeDirs(kDir, 0777);
-        hash_ = VLIBCSzHashAlloc(16);
-        ASSERT_NE(nullptr, hash_);
     }
-    void TearDown() override { VLIBCSzHashFree(hash_); }
-
-    VLIBC_SZHASH *Hash(const Pairs &pairs)
-    {
-        VLIBCHashRemoveAll(hash_);
-        for (const auto &pair : pairs) {
-            EXPECT_LE(0, VLIBCSzHashSetValue(&hash_, pair.first.c_str(), pair.second.c_str()));
-        }
-        return hash_;
-    }
-
-    // What the platform writes for a section, so that the expectations hold
-    // whatever its exact pair syntax.
-    static std::string SectionText(const char *section, const VLIBC_SZHASH *hash)
-    {
-        char *text = nullptr;
-        size_t size = 0;
-        FILE *fp = open_memstream(&text, &size);
-        EXPECT_EQ(0, VLIBCFileHash2File(fp, section, hash, 0));
-        fclose(fp);
-        std::string result(text, size);
-        free(text);
-        return result;
-    }
-
-    // Names in the status directory, sorted.
-    static std::vector<std::string> DirEntries()
-    {
-        std::vector<std::string> names;
-        DIR *dir = opendir(kDir.c_str());
-        for (dirent *entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
-            if (entry->d_name[0] != '.') {
-                names.push_back(entry->d_name);
-            }
-        }
-        if (dir != nullptr) {
-            closedir(dir);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    static struct stat Stat(const std::string &path)
-    {
-        struct stat st = {};
-        EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
-        return st;
-    }
-
-    VLIBC_SZHASH *hash_ = nullptr;
+    vbw::Hash hash{{"a", "1"}};
 };
 
 // Three sections, comments, blank and unknown lines, a line longer than any
 // stdio buffer, and a last line without its newline.
-const std::string kLongLine = "x" + std::string(70000, 'y') + "\n";
-const std::string kHead = "# status file\n" + kLongLine + "\n[100-1]\na=1\n\n";
+const std::string kHead = "# status file\nx" + std::string(70000, 'y') + "\n\n[100-1]\na=1\n\n";
 const std::string kMiddle = "[200-2]\n; kept note\nb=2\n\n";
 const std::string kTail = "[300-1]\nc=3";
 
-TEST_F(StatusWriterTest, ReplaceKeepsEveryByteOutsideTheSection)
+TEST_F(StatusWriterTest, ReplaceAndRemoveKeepEveryByteOutsideTheSection)
 {
     vbw::WriteFile(kFile, kHead + kMiddle + kTail, 0666);
-    VLIBC_SZHASH *hash = Hash({{"current speed", "512"}, {"filename", "/a b.iso"}});
-
-    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "200-2", hash)) << log.Dump();
-    EXPECT_EQ(kHead + SectionText("200-2", hash) + "; kept note\n" + kTail, vbw::ReadFile(kFile));
+    vbw::Hash pairs({{"current speed", "512"}, {"filename", "/a b.iso"}});
+    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "200-2", pairs)) << log.Dump();
+    EXPECT_EQ(kHead + SectionText("200-2", pairs) + "; kept note\n" + kTail, vbw::ReadFile(kFile));
     EXPECT_EQ(std::vector<std::string>{"user-1026"}, DirEntries());
-}
 
-TEST_F(StatusWriterTest, RemoveDropsPairsAndBlankLinesButKeepsComments)
-{
+    // Removing drops pairs and blank lines but keeps comments.
     vbw::WriteFile(kFile, kHead + kMiddle + kTail, 0666);
-
     EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "200-2"));
     EXPECT_EQ(kHead + "; kept note\n" + kTail, vbw::ReadFile(kFile));
     EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "300-1"));
     EXPECT_EQ(kHead + "; kept note\n", vbw::ReadFile(kFile));
-}
 
-TEST_F(StatusWriterTest, SectionPresentTwiceIsReplacedOrRemovedAtBothPlaces)
-{
-    const std::string content = "[7-1]\na=1\n[8-1]\nb=2\n[7-1]\na=3\n";
-    vbw::WriteFile(kFile, content, 0666);
-    VLIBC_SZHASH *hash = Hash({{"a", "9"}});
-    const std::string section = SectionText("7-1", hash);
-
-    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "7-1", hash));
-    EXPECT_EQ(section + "[8-1]\nb=2\n" + section, vbw::ReadFile(kFile));
+    // A section present twice is replaced or removed at both places.
+    vbw::WriteFile(kFile, "[7-1]\na=1\n[8-1]\nb=2\n[7-1]\na=3\n", 0666);
+    vbw::Hash nine({{"a", "9"}});
+    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "7-1", nine));
+    EXPECT_EQ(SectionText("7-1", nine) + "[8-1]\nb=2\n" + SectionText("7-1", nine), vbw::ReadFile(kFile));
     EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "7-1"));
     EXPECT_EQ("[8-1]\nb=2\n", vbw::ReadFile(kFile));
 }
@@ -137,7 +91,7 @@ TEST_F(StatusWriterTest, MissingSectionRewritesSameBytesIntoANewInode)
     struct stat before = Stat(kFile);
     umask(022);
 
-    EXPECT_EQ(0, VESKBandwidthStatusSetSection(kFile.c_str(), "999-2", Hash({{"a", "1"}})));
+    EXPECT_EQ(0, VESKBandwidthStatusSetSection(kFile.c_str(), "999-2", hash));
     EXPECT_EQ(BW_ERR_NOT_FOUND, VLIBCErrGet());
     EXPECT_EQ(0, VESKBandwidthStatusRemoveSection(kFile.c_str(), "999-2"));
     EXPECT_EQ(BW_ERR_NOT_FOUND, VLIBCErrGet());
@@ -148,15 +102,11 @@ TEST_F(StatusWriterTest, MissingSectionRewritesSameBytesIntoANewInode)
     EXPECT_EQ(0u, after.st_uid);  // the rewriting process owns the new file
     EXPECT_EQ(0640u, after.st_mode & 07777);
     EXPECT_EQ(022u, umask(022));
-}
 
-TEST_F(StatusWriterTest, ModeSurvivesAndMaskIsRestored)
-{
     for (mode_t mode : {0666, 0600, 0644}) {
-        vbw::WriteFile(kFile, "[1-1]\na=1\n", 0600);
         ASSERT_EQ(0, chmod(kFile.c_str(), mode));
         umask(027);
-        EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "1-1", Hash({{"a", "2"}})));
+        EXPECT_EQ(0, VESKBandwidthStatusSetSection(kFile.c_str(), "1-1", hash));
         EXPECT_EQ(mode, Stat(kFile).st_mode & 07777);
         EXPECT_EQ(027u, umask(027));
     }
@@ -166,22 +116,18 @@ TEST_F(StatusWriterTest, MaskIsRestoredWhenTheTemporaryFileCannotBeCreated)
 {
     vbw::WriteFile(kFile, "[1-1]\na=1\n", 0666);
     ASSERT_EQ(0, chmod(kDir.c_str(), 0755));  // only root may create files here
-    pid_t child = fork();
-    ASSERT_LE(0, child);
-    if (child == 0) {
+    pid_t child = vbw::Fork([&] {
         if (setuid(1026) != 0) {
-            _exit(10);
+            return 10;
         }
         umask(023);
-        int result = VESKBandwidthStatusSetSection(kFile.c_str(), "1-1", hash_);
+        int result = VESKBandwidthStatusSetSection(kFile.c_str(), "1-1", hash);
         if (result != -1 || VLIBCErrGet() != BW_ERR_FILE_OPEN) {
-            _exit(11);
+            return 11;
         }
-        _exit(umask(0) == 023 ? 0 : 12);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+        return umask(0) == 023 ? 0 : 12;
+    });
+    EXPECT_EQ(0, vbw::WaitExit(child, 10000));
     EXPECT_EQ("[1-1]\na=1\n", vbw::ReadFile(kFile));
     EXPECT_EQ(std::vector<std::string>{"user-1026"}, DirEntries());
 }
@@ -190,14 +136,14 @@ TEST_F(StatusWriterTest, RewriteNeedsARegularFile)
 {
     vbw::MakeDirs(kDir + "user-1027");
     for (const std::string &path : {kFile, kDir + "user-1027"}) {
-        EXPECT_EQ(-1, VESKBandwidthStatusSetSection(path.c_str(), "1-1", Hash({{"a", "1"}}))) << path;
+        EXPECT_EQ(-1, VESKBandwidthStatusSetSection(path.c_str(), "1-1", hash)) << path;
         EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet()) << path;
         EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(path.c_str(), "1-1")) << path;
         EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet()) << path;
     }
     EXPECT_EQ(std::vector<std::string>{"user-1027"}, DirEntries());
 
-    EXPECT_EQ(-1, VESKBandwidthStatusSetSection(nullptr, "1-1", hash_));
+    EXPECT_EQ(-1, VESKBandwidthStatusSetSection(nullptr, "1-1", hash));
     EXPECT_TRUE(log.Contains("Invaild Argument (((void *)0) != szFile)=[0]")) << log.Dump();
     EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(kFile.c_str(), nullptr));
     EXPECT_TRUE(log.Contains("Invaild Argument (NULL != szSection)=[0]")) << log.Dump();
@@ -206,48 +152,39 @@ TEST_F(StatusWriterTest, RewriteNeedsARegularFile)
 
 TEST_F(StatusWriterTest, AppendSeparatesTheNewSectionByOneNewline)
 {
-    VLIBC_SZHASH *hash = Hash({{"a", "1"}});
     const std::string section = SectionText("5-2", hash);
     umask(0);
-
     EXPECT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash));  // missing: created
     EXPECT_EQ("\n" + section, vbw::ReadFile(kFile));
     EXPECT_EQ(0666u, Stat(kFile).st_mode & 07777);
 
-    const std::vector<std::pair<std::string, std::string>> cases = {
+    const std::pair<std::string, std::string> cases[] = {
         {"", "\n"}, {"[1-1]\nb=2\n", "[1-1]\nb=2\n"}, {"[1-1]\nb=2", "[1-1]\nb=2\n"}};
     for (const auto &c : cases) {
         vbw::WriteFile(kFile, c.first, 0666);
         EXPECT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash)) << c.first;
         EXPECT_EQ(c.second + section, vbw::ReadFile(kFile)) << c.first;
     }
-}
 
-TEST_F(StatusWriterTest, AppendLeavesAnExistingSectionAlone)
-{
+    // An existing section is left alone; failures write no log line.
     const std::string content = "[1-1]\nb=2\n[5-2]\nold=1";
     vbw::WriteFile(kFile, content, 0666);
-
-    EXPECT_EQ(0, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", Hash({{"a", "1"}})));
-    EXPECT_EQ(content, vbw::ReadFile(kFile));
-
     log.Clear();
-    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", nullptr));
+    EXPECT_EQ(0, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash));
+    EXPECT_EQ(content, vbw::ReadFile(kFile));
+    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(nullptr, "5-2", hash));
     EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
-    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(nullptr, "5-2", hash_));
-    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(kDir.c_str(), "5-2", hash_));
+    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(kDir.c_str(), "5-2", hash));
     EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
     EXPECT_TRUE(log.Lines().empty()) << log.Dump();
 }
 
 TEST_F(StatusWriterTest, SymbolicLinkAtTheStatusPathIsNeverFollowed)
 {
-    const std::string target = "/tmp/victim";
     const std::string content = "[5-2]\nsecret=1\n";
-    vbw::WriteFile(target, content, 0644);
-    ASSERT_EQ(0, symlink(target.c_str(), kFile.c_str()));
+    vbw::WriteFile("/tmp/victim", content, 0644);
+    ASSERT_EQ(0, symlink("/tmp/victim", kFile.c_str()));
     ASSERT_EQ(0, symlink("/tmp/created-through-link", (kDir + "user-1027").c_str()));
-    VLIBC_SZHASH *hash = Hash({{"a", "1"}});
 
     EXPECT_EQ(-1, VESKBandwidthStatusSetSection(kFile.c_str(), "5-2", hash));
     EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
@@ -256,27 +193,21 @@ TEST_F(StatusWriterTest, SymbolicLinkAtTheStatusPathIsNeverFollowed)
     EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
     EXPECT_EQ(-1, VESKBandwidthStatusAddSection((kDir + "user-1027").c_str(), "6-1", hash));
 
-    EXPECT_EQ(content, vbw::ReadFile(target));
+    EXPECT_EQ(content, vbw::ReadFile("/tmp/victim"));
     EXPECT_TRUE(S_ISLNK(Stat(kFile).st_mode));
     EXPECT_FALSE(vbw::Exists("/tmp/created-through-link"));
     EXPECT_EQ((std::vector<std::string>{"user-1026", "user-1027"}), DirEntries());
 }
 
-// A status record of writer w at the given round, as its section's hash.
-VLIBC_SZHASH *StatusHash(VLIBC_SZHASH **hash, int w, int round)
+// Writer w's section at the given round, saved through its hash.
+int SaveRecord(int (*write)(const char *, const char *, const VLIBC_SZHASH *), int w, int round)
 {
-    VESK_BANDWIDTH_STATUS status = {};
-    status.pid = 1000 + w;
-    status.id = status.uid = 1026;
-    status.active = 1;
-    status.timestamp = time(nullptr);
-    status.current_speed = status.expect_speed = 1024u * (unsigned)round;
-    snprintf(status.filename, sizeof status.filename, "/share/file-%d", status.pid);
-    status.owner_type = VESK_BW_OWNER_USER;
-    status.protocol_type = VESK_BW_PROTOCOL_FTP;
+    VESK_BANDWIDTH_STATUS status = vbw::Status(1000 + w, 1024u * (unsigned)round, 1024u * (unsigned)round);
     status.transfer_type = VESK_BW_TRANSFER_UPLOAD;
     status.progress = (uint32_t)round;
-    return VESKBandwidthInitHashFromStatus(hash, &status) == 0 ? *hash : nullptr;
+    vbw::Hash hash;
+    EXPECT_EQ(0, VESKBandwidthInitHashFromStatus(hash.Address(), &status));
+    return write(kFile.c_str(), vbw::SectionName(status.pid, VESK_BW_TRANSFER_UPLOAD).c_str(), hash);
 }
 
 // True when every section header of the file is followed by its twelve pairs.
@@ -310,7 +241,7 @@ bool ListIsWhole(int writers)
     int count = VESKBandwidthIStatusGetAll(kFile.c_str(), VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_ALL, &list, 0);
     bool whole = count == writers;
     for (VESK_BANDWIDTH_STATUS *p = list; p != nullptr; p = p->pNext) {
-        whole = whole && p->uid == 1026 && p->filename == "/share/file-" + std::to_string(p->pid);
+        whole = whole && p->uid == 1026 && p->filename == "/share/f" + std::to_string(p->pid);
     }
     VESKBandwidthStatusListFree(&list);
     return whole;
@@ -324,8 +255,7 @@ TEST_F(StatusWriterTest, ConcurrentWritersNeverShowATornFile)
     const int kWriters = 4, kReaders = 3, kRounds = 150;
     umask(0);
     for (int w = 0; w < kWriters; ++w) {
-        std::string section = std::to_string(1000 + w) + "-1";
-        ASSERT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), section.c_str(), StatusHash(&hash_, w, 0)));
+        ASSERT_EQ(1, SaveRecord(VESKBandwidthStatusAddSection, w, 0));
     }
     auto *stop = static_cast<volatile int *>(
         mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -334,46 +264,34 @@ TEST_F(StatusWriterTest, ConcurrentWritersNeverShowATornFile)
 
     std::vector<pid_t> writers, readers;
     for (int w = 0; w < kWriters; ++w) {
-        pid_t pid = fork();
-        ASSERT_LE(0, pid);
-        if (pid == 0) {
-            std::string section = std::to_string(1000 + w) + "-1";
+        writers.push_back(vbw::Fork([&] {
             for (int round = 1; round <= kRounds; ++round) {
-                if (VESKBandwidthStatusSetSection(kFile.c_str(), section.c_str(), StatusHash(&hash_, w, round)) != 1) {
-                    _exit(1);
+                if (SaveRecord(VESKBandwidthStatusSetSection, w, round) != 1) {
+                    return 1;
                 }
             }
-            _exit(0);
-        }
-        writers.push_back(pid);
+            return 0;
+        }));
     }
     for (int r = 0; r < kReaders; ++r) {
-        pid_t pid = fork();
-        ASSERT_LE(0, pid);
-        if (pid == 0) {
+        readers.push_back(vbw::Fork([&] {
             for (int reads = 0; *stop == 0 || reads == 0; ++reads) {
                 if (!FileIsWhole(vbw::ReadFile(kFile), kWriters)) {
-                    _exit(2);
+                    return 2;
                 }
                 if (!ListIsWhole(kWriters)) {
-                    _exit(3);
+                    return 3;
                 }
             }
-            _exit(0);
-        }
-        readers.push_back(pid);
+            return 0;
+        }));
     }
-    auto expectClean = [](pid_t pid) {
-        int status = 0;
-        ASSERT_EQ(pid, waitpid(pid, &status, 0));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-    };
     for (pid_t pid : writers) {
-        expectClean(pid);
+        EXPECT_EQ(0, vbw::WaitExit(pid, 100000));
     }
     *stop = 1;
     for (pid_t pid : readers) {
-        expectClean(pid);
+        EXPECT_EQ(0, vbw::WaitExit(pid, 100000));
     }
     munmap((void *)stop, sizeof(int));
     EXPECT_TRUE(FileIsWhole(vbw::ReadFile(kFile), kWriters));

@@ -1,12 +1,9 @@
 // Building a transfer's throttle configuration from the limit files, and
 // resolving its schedules for one hour of the week.
 #include <stdlib.h>
-#include <string.h>
 #include <time.h>
 
-#include "vbw_test.h"
 #include "vbw_throttle_fixture.h"
-#include "veskbandwidth.h"
 
 namespace {
 
@@ -26,19 +23,17 @@ std::string PlanWith(size_t slot, char hour)
     return plan;
 }
 
-class ThrottleConfigTest : public vbw::SandboxTest {
+class ThrottleConfigTest : public vbw::ConfigTest {
 protected:
     void SetUp() override
     {
-        SandboxTest::SetUp();
-        setenv("TZ", "UTC", 1);
-        tzset();
-        memset(&config, 0, sizeof(config));
+        ConfigTest::SetUp();
+        TimeZone("UTC");
     }
-    void TearDown() override
+    static void TimeZone(const char *zone)
     {
-        VESKBandwidthConfigFree(&config);
-        vbw::FakeGroupList(nullptr);
+        setenv("TZ", zone, 1);
+        tzset();
     }
     int Get(uid_t uid)
     {
@@ -56,16 +51,13 @@ protected:
     // One limit record of the given state and plan: normal rates 100/200, custom 10/20.
     VESK_BANDWIDTH_LIMIT &OneLimit(int state, const std::string &plan)
     {
-        VESKBandwidthConfigFree(&config);
-        config.iLimitCount = 1;
-        config.pLimit = (VESK_BANDWIDTH_LIMIT *)calloc(1, sizeof(VESK_BANDWIDTH_LIMIT));
-        VESK_BANDWIDTH_LIMIT &limit = config.pLimit[0] = vbw::Limit(VESK_BW_OWNER_USER, 1026, 0, 0);
+        VESK_BANDWIDTH_LIMIT limit = vbw::Limit(VESK_BW_OWNER_USER, 1026, 0, 0);
         limit.iState = limit.iCurState = (VESK_BW_LIMIT_STATE)state;
         limit.ullRate[1] = 100, limit.ullRate[2] = 200, limit.ullCustomRate[1] = 10, limit.ullCustomRate[2] = 20;
         snprintf(limit.szSchedulePlan, sizeof(limit.szSchedulePlan), "%s", plan.c_str());
-        return limit;
+        Use({limit});
+        return config.pLimit[0];
     }
-    VESK_BANDWIDTH_CONFIG config;
 };
 
 TEST_F(ThrottleConfigTest, ArgumentsAreCheckedBeforeAnythingIsWritten)
@@ -142,16 +134,13 @@ TEST_F(ThrottleConfigTest, GroupListEntryWithTextAfterTheDigitsFails)
     const std::vector<std::string> groups = {"100", "12a"};
     vbw::FakeGroupList(&groups);
     Limits("[user-1026]\nstate=enabled\n");
-    VESK_BANDWIDTH_GLOBAL_CONF global;
-    memset(&global, 0, sizeof(global));
-    global.iProtocol = VESK_BW_PROTOCOL_FTP;
-    global.iUserGroupPolicy = VESK_BW_POLICY_MIN;
+    VESK_BANDWIDTH_GLOBAL_CONF global = vbw::GlobalConf(VESK_BW_PROTOCOL_FTP, {0, VESK_BW_POLICY_MIN, 0, 0, ""});
     VESK_BANDWIDTH_LIMIT sentinel, *pLimit = &sentinel;
     uint32_t blUser = 7, blGroup = 7;
     EXPECT_EQ(-1, VESKBandwidthLimitInit(1026, &global, &pLimit, &blUser, &blGroup));
     EXPECT_EQ(BW_ERR_BAD_VALUE, VLIBCErrGet());
+    EXPECT_TRUE(log.From("bandwidth_limit_init.cpp", "invalid gid [12a]")) << log.Dump();
     EXPECT_STREQ("bandwidth_limit_init.cpp", VLIBCErrorGetFile());
-    EXPECT_TRUE(log.Contains("invalid gid [12a]")) << log.Dump();
     EXPECT_EQ(&sentinel, pLimit);
     EXPECT_EQ(1u, blUser);
     EXPECT_EQ(0u, blGroup);
@@ -182,15 +171,13 @@ TEST_F(ThrottleConfigTest, LimitScheduleAtMondayTen)
     EXPECT_EQ(200u, limit.ullCurRate[VESK_BW_TRANSFER_DOWNLOAD]);
 
     // Local time decides: at UTC-5 the same moment is Monday 05:00.
-    setenv("TZ", "EST5", 1);
-    tzset();
+    TimeZone("EST5");
     OneLimit(VESK_BW_STATE_SCHEDULE, PlanWith(29, '2'));
     VESKBandwidthInitConfig(&config, kMonday10Utc);
     EXPECT_EQ(10u, config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_UPLOAD]);
 
     // Seconds are truncated toward zero: -0.999999 s is the epoch, Thursday 00:00 UTC (slot 96).
-    setenv("TZ", "UTC", 1);
-    tzset();
+    TimeZone("UTC");
     OneLimit(VESK_BW_STATE_SCHEDULE, PlanWith(95, '0'));
     VESKBandwidthInitConfig(&config, -999999);
     EXPECT_EQ(100u, config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_UPLOAD]);

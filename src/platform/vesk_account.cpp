@@ -1,206 +1,213 @@
-// Accounts and group lists, read through the system's user and group database.
+// Accounts and group lists, through the system's user and group database.
+//
+// The reentrant lookups get their buffers from sysconf and grow them while
+// the database answers ERANGE.  Records handed out are one malloc'ed block:
+// the record followed by its name.
 #include "vesk_account.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <grp.h>
 #include <pwd.h>
-#include <string>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "vesk_log.h"
 
 namespace {
 
-// Runs a getpwnam_r-style lookup with a buffer that grows on ERANGE.
-// 0 found, -1 with BW_ERR_NOT_FOUND (absent) or BW_ERR_OUT_OF_MEMORY.
-template <typename Record, typename Lookup>
-int LookUp(Record *record, std::vector<char> *buffer, Lookup lookup)
+// Calls lookup(buffer, size) -> error number with a buffer that grows while
+// the answer is ERANGE.  0 when found, -1 with the error state set otherwise
+// (BW_ERR_NOT_FOUND when the database has no such entry).
+template <typename Lookup>
+int WithBuffer(int iSizeName, Lookup lookup)
 {
-    long hint = sysconf(_SC_GETPW_R_SIZE_MAX);
-    size_t size = hint > 0 ? static_cast<size_t>(hint) : 1024;
+    long cbStart = sysconf(iSizeName);
+    size_t cb = cbStart > 0 ? static_cast<size_t>(cbStart) : 16384;
     for (;;) {
-        try {
-            buffer->resize(size);
-        } catch (const std::exception &) {
+        char *buffer = static_cast<char *>(malloc(cb));
+        if (buffer == nullptr) {
             VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
             return -1;
         }
-        Record *result = nullptr;
-        int rc = lookup(record, buffer->data(), buffer->size(), &result);
-        if (rc == ERANGE) {
-            size *= 2;
-            continue;
+        int iErr = lookup(buffer, cb);
+        free(buffer);
+        if (iErr == 0) {
+            return 0;
         }
-        if (rc != 0 || result == nullptr) {
-            VESK_ERR_SET(BW_ERR_NOT_FOUND);
+        if (iErr != ERANGE || cb > (SIZE_MAX >> 1)) {
+            VESK_ERR_SET(iErr == ENOMEM ? BW_ERR_OUT_OF_MEMORY : BW_ERR_NOT_FOUND);
             return -1;
         }
-        return 0;
+        cb *= 2;
     }
 }
 
-int NewUser(const struct passwd &pw, VESK_USER **ppUser)
+// The error number of a getpwnam_r-style call: ENOENT when absent.
+int LookupResult(int iRet, const void *pFound)
 {
-    VESK_USER *user = static_cast<VESK_USER *>(std::calloc(1, sizeof(VESK_USER)));
-    char *name = strdup(pw.pw_name);
-    if (user == nullptr || name == nullptr) {
-        std::free(user);
-        std::free(name);
+    if (iRet != 0) {
+        return iRet;
+    }
+    return pFound == nullptr ? ENOENT : 0;
+}
+
+// A record of type T, with its name copied behind it; NULL when out of memory.
+template <typename T>
+T *NewRecord(const char *szName)
+{
+    size_t cbName = strlen(szName) + 1;
+    T *pRecord = static_cast<T *>(malloc(sizeof(T) + cbName));
+    if (pRecord == nullptr) {
         VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+        return nullptr;
+    }
+    pRecord->szName = reinterpret_cast<char *>(pRecord + 1);
+    memcpy(pRecord->szName, szName, cbName);
+    return pRecord;
+}
+
+// Looks the user up by name (szName) or uid, and hands a new record to *ppUser.
+int GetUser(const char *szName, uid_t uid, VESK_USER **ppUser)
+{
+    VESK_USER *pUser = nullptr;
+    int iRet = WithBuffer(_SC_GETPW_R_SIZE_MAX, [&](char *buffer, size_t cb) {
+        struct passwd pw;
+        struct passwd *pFound = nullptr;
+        int iErr = szName != nullptr ? getpwnam_r(szName, &pw, buffer, cb, &pFound)
+                                     : getpwuid_r(uid, &pw, buffer, cb, &pFound);
+        iErr = LookupResult(iErr, pFound);
+        if (iErr == 0 && (pUser = NewRecord<VESK_USER>(pw.pw_name)) != nullptr) {
+            pUser->uid = pw.pw_uid;
+            pUser->gid = pw.pw_gid;
+        }
+        return iErr == 0 && pUser == nullptr ? ENOMEM : iErr;
+    });
+    if (iRet != 0) {
         return -1;
     }
-    user->szName = name;
-    user->uid = pw.pw_uid;
-    user->gid = pw.pw_gid;
-    *ppUser = user;
+    *ppUser = pUser;
     return 0;
 }
 
-int UserByName(const char *szName, struct passwd *pw, std::vector<char> *buffer)
+// The gids of the user's groups as getgrouplist gives them (primary first).
+int GetGroupList(const char *szUserName, gid_t gidPrimary, std::vector<gid_t> *pGids)
 {
-    if (szName == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
-        return -1;
+    int count = 64;
+    for (;;) {
+        pGids->resize(static_cast<size_t>(count));
+        int wanted = count;
+        if (getgrouplist(szUserName, gidPrimary, pGids->data(), &wanted) >= 0) {
+            pGids->resize(static_cast<size_t>(wanted));
+            return 0;
+        }
+        if (wanted <= count) {
+            VESK_ERR_SET(BW_ERR_NOT_FOUND);
+            return -1;
+        }
+        count = wanted;  // the group database may grow meanwhile: retry
     }
-    return LookUp(pw, buffer, [&](struct passwd *r, char *b, size_t n, struct passwd **out) {
-        return getpwnam_r(szName, r, b, n, out);
-    });
 }
 
-// The gids as decimal texts: the primary group first, then the others in the
-// order given, each once.
-VLIBC_SZLIST *GidList(gid_t primary, const std::vector<gid_t> &gids)
+// The gids in decimal, each once, in order.
+VLIBC_SZLIST *GidsToList(const std::vector<gid_t> &gids)
 {
-    std::vector<gid_t> ordered{primary};
-    for (gid_t gid : gids) {
-        if (std::find(ordered.begin(), ordered.end(), gid) == ordered.end()) {
-            ordered.push_back(gid);
-        }
+    VLIBC_SZLIST *pList = VLIBCSzListAlloc(static_cast<int>(gids.size()));
+    if (pList == nullptr) {
+        return nullptr;
     }
-    VLIBC_SZLIST *list = VLIBCSzListAlloc(static_cast<int>(ordered.size()));
-    for (gid_t gid : ordered) {
-        char text[16];
-        std::snprintf(text, sizeof text, "%u", static_cast<unsigned>(gid));
-        if (list == nullptr || VLIBCSzListPush(&list, text) < 0) {
-            VLIBCSzListFree(list);
+    std::unordered_set<gid_t> seen;
+    for (gid_t gid : gids) {
+        if (seen.insert(gid).second && VLIBCSzListPush(&pList, std::to_string(gid).c_str()) < 0) {
+            VLIBCSzListFree(pList);
             return nullptr;
         }
     }
-    return list;
+    return pList;
 }
 
 }  // namespace
 
 int VESKUserGet(const char *szName, VESK_USER **ppUser)
 {
-    struct passwd pw;
-    std::vector<char> buffer;
-    if (ppUser == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    if (!VESK_ARG_OK(NULL != szName) || !VESK_ARG_OK(NULL != ppUser)) {
         return -1;
     }
-    return UserByName(szName, &pw, &buffer) < 0 ? -1 : NewUser(pw, ppUser);
+    return GetUser(szName, 0, ppUser);
 }
 
 int VESKUserGetByUID(uid_t uid, VESK_USER **ppUser)
 {
-    struct passwd pw;
-    std::vector<char> buffer;
-    if (ppUser == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    if (!VESK_ARG_OK(NULL != ppUser)) {
         return -1;
     }
-    int rc = LookUp(&pw, &buffer, [&](struct passwd *r, char *b, size_t n, struct passwd **out) {
-        return getpwuid_r(uid, r, b, n, out);
-    });
-    return rc < 0 ? -1 : NewUser(pw, ppUser);
+    return GetUser(nullptr, uid, ppUser);
 }
 
 int VESKUserGetUGID(const char *szName, uid_t *pUid, gid_t *pGid)
 {
-    struct passwd pw;
-    std::vector<char> buffer;
-    if (pUid == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    VESK_USER *pUser = nullptr;
+    if (!VESK_ARG_OK(NULL != pUid) || VESKUserGet(szName, &pUser) != 0) {
         return -1;
     }
-    if (UserByName(szName, &pw, &buffer) < 0) {
-        return -1;
-    }
-    *pUid = pw.pw_uid;
+    *pUid = pUser->uid;
     if (pGid != nullptr) {
-        *pGid = pw.pw_gid;
+        *pGid = pUser->gid;
     }
+    VESKUserFree(pUser);
     return 0;
 }
 
 void VESKUserFree(VESK_USER *pUser)
 {
-    if (pUser != nullptr) {
-        std::free(pUser->szName);
-        std::free(pUser);
-    }
+    free(pUser);
 }
 
 int VESKGroupGetByGID(gid_t gid, VESK_GROUP **ppGroup)
 {
-    struct group gr;
-    std::vector<char> buffer;
-    if (ppGroup == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    if (!VESK_ARG_OK(NULL != ppGroup)) {
         return -1;
     }
-    int rc = LookUp(&gr, &buffer, [&](struct group *r, char *b, size_t n, struct group **out) {
-        return getgrgid_r(gid, r, b, n, out);
+    VESK_GROUP *pGroup = nullptr;
+    int iRet = WithBuffer(_SC_GETGR_R_SIZE_MAX, [&](char *buffer, size_t cb) {
+        struct group gr;
+        struct group *pFound = nullptr;
+        int iErr = getgrgid_r(gid, &gr, buffer, cb, &pFound);
+        iErr = LookupResult(iErr, pFound);
+        if (iErr == 0 && (pGroup = NewRecord<VESK_GROUP>(gr.gr_name)) != nullptr) {
+            pGroup->gid = gr.gr_gid;
+        }
+        return iErr == 0 && pGroup == nullptr ? ENOMEM : iErr;
     });
-    if (rc < 0) {
+    if (iRet != 0) {
         return -1;
     }
-    VESK_GROUP *group = static_cast<VESK_GROUP *>(std::calloc(1, sizeof(VESK_GROUP)));
-    char *name = strdup(gr.gr_name);
-    if (group == nullptr || name == nullptr) {
-        std::free(group);
-        std::free(name);
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
-    group->szName = name;
-    group->gid = gr.gr_gid;
-    *ppGroup = group;
+    *ppGroup = pGroup;
     return 0;
 }
 
 void VESKGroupFree(VESK_GROUP *pGroup)
 {
-    if (pGroup != nullptr) {
-        std::free(pGroup->szName);
-        std::free(pGroup);
-    }
+    free(pGroup);
 }
 
 VLIBC_SZLIST *VLIBGroupInfoListGet(const char *szUserName, int iFlags)
 {
     (void)iFlags;
-    struct passwd pw;
-    std::vector<char> buffer;
-    if (UserByName(szUserName, &pw, &buffer) < 0) {
+    uid_t uid = 0;
+    gid_t gid = 0;
+    if (VESKUserGetUGID(szUserName, &uid, &gid) != 0) {
         return nullptr;
     }
     try {
-        std::vector<gid_t> gids(64);
-        int count = static_cast<int>(gids.size());
-        while (getgrouplist(pw.pw_name, pw.pw_gid, gids.data(), &count) < 0) {
-            gids.resize(static_cast<size_t>(count) > gids.size() ? static_cast<size_t>(count) : gids.size() * 2);
-            count = static_cast<int>(gids.size());
-        }
-        gids.resize(static_cast<size_t>(count));
-        return GidList(pw.pw_gid, gids);
-    } catch (const std::exception &) {
+        std::vector<gid_t> gids;
+        return GetGroupList(szUserName, gid, &gids) == 0 ? GidsToList(gids) : nullptr;
+    } catch (...) {
         VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
         return nullptr;
     }

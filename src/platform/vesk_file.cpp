@@ -1,24 +1,46 @@
-// Section files: "[NAME]" headers, "KEY=VALUE" pairs, '#' or ';' comments,
-// blank lines anywhere.  Writers replace the whole file atomically (temporary
-// file beside it, fsync, rename) and keep every byte outside the section they
-// change; they never follow a symbolic link planted at the file's path.
+// Section files.
 //
-// Readers are on the hot path of every transfer (a status enumeration lists the
-// sections of a file, then reads each of them), so the parsed form of recently
-// read files is cached per process and reused while the file's identity (device,
-// inode, size, modification and change times) is unchanged: a rewrite by rename
-// gives a new inode, an append a new size and times.  The cache is a plain
-// process-wide object: the library is used from one thread at a time.
+// Syntax, line by line (a line ends at '\n'; the last one may lack it):
+//   "[NAME]"     header: '[' first, ']' last, NAME holds no ']', '\n' or NUL.
+//                Any other line beginning with '[' is an unknown line.
+//   "#..", ";.." comment.
+//   ""           blank line.
+//   "KEY=VALUE"  pair: KEY is the non-empty text before the first '=', VALUE
+//                the rest of the line without its newline.
+//   anything else is an unknown line: readers ignore it, writers keep it.
+// Only '\n' ends a line: a '\r' is an ordinary character of a name, key or
+// value and round-trips unchanged.  A section runs from its header to the next
+// header or the end of the file; lines before the first header belong to no
+// section.
+//
+// Writers refuse a section name that holds ']' or '\n' and a key that is
+// empty, holds '=' or '\n', or begins with '[', '#' or ';', so that what they
+// write reads back as written.  Values are written with every '\n' replaced by
+// a blank: a value can never start a line of its own.
+//
+// Writers replace the whole file atomically (temporary file "<path>.XXXXXX"
+// beside it, fsync, the old mode, rename) and never follow a symbolic link at
+// the file's path: they open the existing file with O_NOFOLLOW and create the
+// temporary file exclusively.
+//
+// Parsed files are cached per process (see FileCache), so that a caller that
+// lists the sections of a file and then reads them one by one reads and parses
+// the file once.
 #include "vesk_file.h"
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <list>
-#include <string>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -27,382 +49,537 @@
 
 namespace {
 
-struct Section {
-    std::string name;
-    std::vector<std::pair<std::string, std::string>> pairs;
-};
+// ---------------------------------------------------------------- syntax
 
-struct ParsedFile {
-    std::vector<Section> sections;                  // in file order
-    std::unordered_map<std::string, size_t> first;  // name -> first section of that name
-};
+enum class LineKind { Blank, Comment, Header, Pair, Unknown };
 
-// Identity of one version of a file.
-struct Version {
-    dev_t dev;
-    ino_t ino;
-    off_t size;
-    timespec mtime;
-    timespec ctime;
-
-    bool operator==(const Version &o) const
-    {
-        return dev == o.dev && ino == o.ino && size == o.size && mtime.tv_sec == o.mtime.tv_sec &&
-               mtime.tv_nsec == o.mtime.tv_nsec && ctime.tv_sec == o.ctime.tv_sec &&
-               ctime.tv_nsec == o.ctime.tv_nsec;
-    }
-};
-
-Version VersionOf(const struct stat &st)
+// The line without its newline.
+std::string_view LineBody(const char *szLine, size_t cbLine)
 {
-    return Version{st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+    if (cbLine > 0 && szLine[cbLine - 1] == '\n') {
+        --cbLine;
+    }
+    return std::string_view(szLine, cbLine);
 }
 
-// The last few files read, most recent first.
-class ParseCache {
-public:
-    const ParsedFile *Find(const std::string &path, const Version &version)
-    {
-        for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-            if (it->path == path && it->version == version) {
-                entries_.splice(entries_.begin(), entries_, it);
-                return &entries_.front().parsed;
-            }
-        }
-        return nullptr;
-    }
-
-    const ParsedFile *Store(const std::string &path, const Version &version, ParsedFile parsed)
-    {
-        Forget(path);
-        entries_.push_front(Entry{path, version, std::move(parsed)});
-        if (entries_.size() > kEntries) {
-            entries_.pop_back();
-        }
-        return &entries_.front().parsed;
-    }
-
-    void Forget(const std::string &path)
-    {
-        entries_.remove_if([&](const Entry &e) { return e.path == path; });
-    }
-
-private:
-    static constexpr size_t kEntries = 16;
-    struct Entry {
-        std::string path;
-        Version version;
-        ParsedFile parsed;
-    };
-    std::list<Entry> entries_;
-};
-
-ParseCache &Cache()
+// True when the body is a header line; *pName receives the section name.
+bool ParseHeader(std::string_view body, std::string_view *pName)
 {
-    static ParseCache *cache = new ParseCache;  // never destroyed: usable until the process ends
-    return *cache;
-}
-
-// A file descriptor closed with its scope.
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    ~Fd() { Reset(); }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int Get() const { return fd_; }
-    int Release()
-    {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void Reset()
-    {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
-
-size_t LineLength(const char *line, size_t cb)
-{
-    return cb > 0 && line[cb - 1] == '\n' ? cb - 1 : cb;
-}
-
-bool IsHeader(const char *line, size_t cb)
-{
-    size_t len = LineLength(line, cb);
-    if (len < 2 || line[0] != '[' || line[len - 1] != ']') {
+    if (body.size() < 2 || body.front() != '[' || body.back() != ']') {
         return false;
     }
-    return std::memchr(line + 1, ']', len - 2) == nullptr && std::memchr(line, '\n', len) == nullptr;
-}
-
-bool IsComment(const char *line, size_t cb)
-{
-    return cb > 0 && (line[0] == '#' || line[0] == ';');
-}
-
-// Splits text into lines, each with its newline (the last one may lack it).
-std::vector<std::pair<size_t, size_t>> SplitLines(const std::string &text)
-{
-    std::vector<std::pair<size_t, size_t>> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        end = end == std::string::npos ? text.size() : end + 1;
-        lines.emplace_back(start, end - start);
-        start = end;
+    // A name with a NUL byte could never be asked for: such a line is no header.
+    std::string_view name = body.substr(1, body.size() - 2);
+    if (name.find_first_of(std::string_view("]\n\0", 3)) != std::string_view::npos) {
+        return false;
     }
-    return lines;
+    *pName = name;
+    return true;
 }
 
-ParsedFile Parse(const std::string &text)
+LineKind Classify(std::string_view body)
 {
-    ParsedFile parsed;
-    for (auto [start, cb] : SplitLines(text)) {
-        const char *line = text.data() + start;
-        size_t len = LineLength(line, cb);
-        if (IsHeader(line, cb)) {
-            parsed.sections.push_back(Section{std::string(line + 1, len - 2), {}});
-            parsed.first.emplace(parsed.sections.back().name, parsed.sections.size() - 1);
-            continue;
-        }
-        const char *equals = static_cast<const char *>(std::memchr(line, '=', len));
-        if (parsed.sections.empty() || IsComment(line, cb) || equals == nullptr) {
-            continue;  // outside any section, a comment, or not a pair
-        }
-        parsed.sections.back().pairs.emplace_back(std::string(line, static_cast<size_t>(equals - line)),
-                                                  std::string(equals + 1, static_cast<size_t>(line + len - equals - 1)));
+    std::string_view name;
+    if (body.empty()) {
+        return LineKind::Blank;
     }
-    return parsed;
+    if (body.front() == '#' || body.front() == ';') {
+        return LineKind::Comment;
+    }
+    if (body.front() == '[') {
+        return ParseHeader(body, &name) ? LineKind::Header : LineKind::Unknown;
+    }
+    size_t eq = body.find('=');
+    return eq != std::string_view::npos && eq > 0 ? LineKind::Pair : LineKind::Unknown;
 }
 
-// Reads the whole open file.  false with BW_ERR_FILE_READ on failure.
-bool ReadAll(int fd, std::string *text)
+bool IsValidSectionName(const char *szSection)
 {
-    char buffer[65536];
+    return strpbrk(szSection, "]\n") == nullptr;
+}
+
+bool IsValidKey(const char *szKey)
+{
+    return szKey[0] != '\0' && strchr("[#;", szKey[0]) == nullptr && strpbrk(szKey, "=\n") == nullptr;
+}
+
+// Checks what a writer is asked to write; logs and sets BW_ERR_BAD_PARAMETERS
+// when it cannot be written faithfully.
+bool SectionArgsOk(const char *szSection, const VLIBC_SZHASH *pHash)
+{
+    if (!VESK_ARG_OK(NULL != szSection) || !VESK_ARG_OK(NULL != pHash) ||
+        !VESK_ARG_OK(IsValidSectionName(szSection))) {
+        return false;
+    }
+    int count = VLIBCSzHashCount(pHash);
+    for (int i = 0; i < count; ++i) {
+        const char *szKey = VLIBCSzHashKeyAt(pHash, i);
+        if (!VESK_ARG_OK(IsValidKey(szKey))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Appends the header and the pairs of a section; newlines in values become blanks.
+void AppendSectionText(std::string &out, const char *szSection, const VLIBC_SZHASH *pHash)
+{
+    out.append("[").append(szSection).append("]\n");
+    int count = VLIBCSzHashCount(pHash);
+    for (int i = 0; i < count; ++i) {
+        out.append(VLIBCSzHashKeyAt(pHash, i)).append("=");
+        size_t start = out.size();
+        out.append(VLIBCSzHashValueAt(pHash, i));
+        for (size_t j = start; j < out.size(); ++j) {
+            if (out[j] == '\n') {
+                out[j] = ' ';
+            }
+        }
+        out.append("\n");
+    }
+}
+
+// ---------------------------------------------------------------- parsed file
+
+struct Line {
+    size_t off;  // offset in the content
+    size_t cb;   // length, newline included
+    LineKind kind;
+};
+
+struct Section {
+    std::string_view name;  // view into the content
+    size_t begin;           // first line after the header
+    size_t end;             // one past the section's last line
+};
+
+// The content of a file and its lines and sections.  Built once and never
+// changed: the views point into the content.
+class SectionFile {
+public:
+    explicit SectionFile(std::string content) : content_(std::move(content)) { Parse(); }
+    SectionFile(const SectionFile &) = delete;
+    SectionFile &operator=(const SectionFile &) = delete;
+
+    const std::string &Content() const { return content_; }
+    const std::vector<Line> &Lines() const { return lines_; }
+    const std::vector<Section> &Sections() const { return sections_; }
+    std::string_view Body(const Line &line) const { return LineBody(content_.data() + line.off, line.cb); }
+    std::string_view Text(const Line &line) const { return std::string_view(content_).substr(line.off, line.cb); }
+
+    // The first section of that name, or NULL.
+    const Section *Find(std::string_view name) const
+    {
+        auto found = first_.find(name);
+        return found == first_.end() ? nullptr : &sections_[found->second];
+    }
+
+private:
+    void Parse()
+    {
+        for (size_t off = 0; off < content_.size();) {
+            size_t nl = content_.find('\n', off);
+            size_t cb = (nl == std::string::npos ? content_.size() : nl + 1) - off;
+            Line line{off, cb, Classify(LineBody(content_.data() + off, cb))};
+            if (line.kind == LineKind::Header) {
+                OpenSection(line);
+            }
+            lines_.push_back(line);
+            off += cb;
+        }
+        if (!sections_.empty()) {
+            sections_.back().end = lines_.size();
+        }
+    }
+
+    void OpenSection(const Line &header)
+    {
+        std::string_view name;
+        ParseHeader(Body(header), &name);
+        if (!sections_.empty()) {
+            sections_.back().end = lines_.size();
+        }
+        first_.emplace(name, sections_.size());
+        sections_.push_back(Section{name, lines_.size() + 1, lines_.size() + 1});
+    }
+
+    const std::string content_;
+    std::vector<Line> lines_;
+    std::vector<Section> sections_;
+    std::unordered_map<std::string_view, size_t> first_;
+};
+
+using SectionFilePtr = std::shared_ptr<const SectionFile>;
+
+// ---------------------------------------------------------------- file access
+
+struct Fd {
+    explicit Fd(int fd) : fd(fd) {}
+    ~Fd()
+    {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int fd;
+};
+
+// The whole content of an open file, from its current position; false on a read error.
+bool ReadAll(int fd, size_t cbHint, std::string *pOut)
+{
+    std::string &out = *pOut;
+    size_t used = 0;
+    out.resize(cbHint + 1);  // one more, to meet the end without growing
     for (;;) {
-        ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n == 0) {
-            return true;
+        if (used == out.size()) {
+            out.resize(out.size() * 2);
         }
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            VESK_ERR_SET(BW_ERR_FILE_READ);
-            return false;
-        }
-        text->append(buffer, static_cast<size_t>(n));
-    }
-}
-
-// The parsed file at path, from the cache when the file is unchanged.
-// nullptr on failure (error state set).
-const ParsedFile *Load(const char *szPath)
-{
-    struct stat st;
-    if (stat(szPath, &st) == 0 && S_ISREG(st.st_mode)) {
-        if (const ParsedFile *cached = Cache().Find(szPath, VersionOf(st))) {
-            return cached;
-        }
-    }
-    Fd fd(open(szPath, O_RDONLY | O_CLOEXEC));
-    if (fd.Get() < 0) {
-        VESK_ERR_SET(BW_ERR_FILE_OPEN);
-        return nullptr;
-    }
-    if (fstat(fd.Get(), &st) != 0) {
-        VESK_ERR_SET(BW_ERR_STAT_FAILED);
-        return nullptr;
-    }
-    if (S_ISDIR(st.st_mode)) {
-        VESK_ERR_SET(BW_ERR_FILE_OPEN);
-        return nullptr;
-    }
-    std::string text;
-    if (!ReadAll(fd.Get(), &text)) {
-        return nullptr;
-    }
-    return Cache().Store(szPath, VersionOf(st), Parse(text));
-}
-
-bool ValidSectionName(const char *szSection)
-{
-    return szSection != nullptr && std::strpbrk(szSection, "]\n") == nullptr;
-}
-
-bool ValidKey(const char *szKey)
-{
-    return szKey != nullptr && szKey[0] != '\0' && std::strpbrk(szKey, "=\n") == nullptr &&
-           std::strchr("[#;", szKey[0]) == nullptr;
-}
-
-bool ValidHash(const VLIBC_SZHASH *pHash)
-{
-    for (int i = 0; i < VLIBCSzHashCount(pHash); ++i) {
-        if (!ValidKey(VLIBCSzHashKeyAt(pHash, i))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// "[NAME]\n" then "KEY=VALUE\n" per pair; a value's newlines are left out, so
-// that it can never break its line.
-std::string SectionText(const char *szSection, const VLIBC_SZHASH *pHash)
-{
-    std::string text = std::string("[") + szSection + "]\n";
-    for (int i = 0; i < VLIBCSzHashCount(pHash); ++i) {
-        text += VLIBCSzHashKeyAt(pHash, i);
-        text += '=';
-        for (const char *c = VLIBCSzHashValueAt(pHash, i); *c != '\0'; ++c) {
-            if (*c != '\n') {
-                text += *c;
-            }
-        }
-        text += '\n';
-    }
-    return text;
-}
-
-// The current content and mode of a file that a writer is about to replace.
-// A missing file reads as empty when blCreate is set.  -1 on failure.
-int ReadForRewrite(const char *szPath, bool blCreate, std::string *text, mode_t *mode)
-{
-    Fd fd(open(szPath, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (fd.Get() < 0) {
-        if (errno == ENOENT && blCreate) {
-            mode_t mask = umask(0);
-            umask(mask);
-            *mode = 0666 & ~mask;
-            return 0;
-        }
-        VESK_ERR_SET(BW_ERR_FILE_OPEN);
-        return -1;
-    }
-    struct stat st;
-    if (fstat(fd.Get(), &st) != 0) {
-        VESK_ERR_SET(BW_ERR_STAT_FAILED);
-        return -1;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        VESK_ERR_SET(BW_ERR_FILE_OPEN);
-        return -1;
-    }
-    *mode = st.st_mode & 07777;
-    return ReadAll(fd.Get(), text) ? 0 : -1;
-}
-
-bool WriteAll(int fd, const std::string &text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
+        ssize_t cb = read(fd, &out[used], out.size() - used);
+        if (cb < 0 && errno == EINTR) {
             continue;
         }
-        if (n <= 0) {
+        if (cb < 0) {
             return false;
         }
-        done += static_cast<size_t>(n);
+        if (cb == 0) {
+            break;
+        }
+        used += static_cast<size_t>(cb);
+    }
+    out.resize(used);
+    return true;
+}
+
+bool WriteAll(int fd, const std::string &data)
+{
+    for (size_t done = 0; done < data.size();) {
+        ssize_t cb = write(fd, data.data() + done, data.size() - done);
+        if (cb < 0 && errno == EINTR) {
+            continue;
+        }
+        if (cb <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(cb);
     }
     return true;
 }
 
-// Replaces the file by one holding text: temporary file beside it, fsync,
-// the given mode, rename.  -1 on failure, the old file untouched.
-int ReplaceFile(const char *szPath, const std::string &text, mode_t mode)
+// Creates the file empty unless something is at its path: 0 when a regular
+// file is there afterwards, -1 with BW_ERR_FILE_OPEN otherwise.  O_EXCL never
+// follows a symbolic link, and a link at the path is refused.
+int CreateIfMissing(const char *szPath)
+{
+    int fd = open(szPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd >= 0) {
+        close(fd);
+        return 0;
+    }
+    struct stat st;
+    if (errno == EEXIST && lstat(szPath, &st) == 0 && S_ISREG(st.st_mode)) {
+        return 0;
+    }
+    VESK_ERR_SET(BW_ERR_FILE_OPEN);
+    return -1;
+}
+
+// Writes the content to a temporary file beside the path and moves it over
+// the path with the given permission bits: 0 / -1.  The temporary file is
+// removed on every failure.
+int ReplaceFile(const char *szPath, const std::string &content, mode_t mode)
 {
     std::string temp = std::string(szPath) + ".XXXXXX";
-    mode_t mask = umask(077);
     Fd fd(mkostemp(&temp[0], O_CLOEXEC));
-    umask(mask);
-    if (fd.Get() < 0) {
+    if (fd.fd < 0) {
         VESK_ERR_SET(BW_ERR_FILE_OPEN);
         return -1;
     }
-    int code = 0;
-    if (!WriteAll(fd.Get(), text) || fsync(fd.Get()) != 0 || fchmod(fd.Get(), mode) != 0) {
-        code = BW_ERR_FILE_WRITE;
+    int iCode = 0;
+    if (!WriteAll(fd.fd, content) || fsync(fd.fd) != 0 || fchmod(fd.fd, mode & 07777) != 0) {
+        iCode = BW_ERR_FILE_WRITE;
     } else if (rename(temp.c_str(), szPath) != 0) {
-        code = BW_ERR_RENAME_FAILED;
+        iCode = BW_ERR_RENAME_FAILED;
     }
-    if (code != 0) {
-        VESK_ERR_SET(code);
+    if (iCode != 0) {
         unlink(temp.c_str());
+        VESK_ERR_SET(iCode);
         return -1;
     }
-    Cache().Forget(szPath);
     return 0;
 }
 
-enum class Edit { kReplace, kRemove };
-
-// Rewrites every section named szSection: its pairs and blank lines are
-// replaced by the new pairs (kReplace) or dropped with its header (kRemove);
-// comment lines inside it stay.  1 done, 0 absent (file untouched), -1 failure.
-int EditSection(const char *szPath, const char *szSection, const VLIBC_SZHASH *pHash, Edit edit)
+// Opens the regular file at the path and reads it whole; *pSt describes what
+// was read.  False with the error state set on failure.
+bool ReadWhole(const char *szPath, bool blWriter, struct stat *pSt, std::string *pContent)
 {
-    std::string old;
-    mode_t mode = 0;
-    if (ReadForRewrite(szPath, false, &old, &mode) < 0) {
-        return -1;
+    Fd fd(open(szPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK | (blWriter ? O_NOFOLLOW : 0)));
+    if (fd.fd < 0) {
+        VESK_ERR_SET(BW_ERR_FILE_OPEN);
+        return false;
     }
-    std::string text;
-    bool inSection = false;
-    bool found = false;
-    for (auto [start, cb] : SplitLines(old)) {
-        const char *line = old.data() + start;
-        if (IsHeader(line, cb)) {
-            inSection = VLIBCIFileMatchSection(line, cb, szSection) == 1;
-            if (inSection) {
-                found = true;
-                if (edit == Edit::kReplace) {
-                    text += SectionText(szSection, pHash);
+    if (fstat(fd.fd, pSt) != 0) {
+        VESK_ERR_SET(BW_ERR_STAT_FAILED);
+        return false;
+    }
+    if (!S_ISREG(pSt->st_mode)) {
+        VESK_ERR_SET(BW_ERR_FILE_OPEN);
+        return false;
+    }
+    if (!ReadAll(fd.fd, static_cast<size_t>(pSt->st_size), pContent)) {
+        VESK_ERR_SET(BW_ERR_FILE_READ);
+        return false;
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------- cache
+
+// What fstat says about a file's identity and last change.
+struct FileStamp {
+    dev_t dev;
+    ino_t ino;
+    off_t size;
+    struct timespec mtim;
+    struct timespec ctim;
+
+    explicit FileStamp(const struct stat &st)
+        : dev(st.st_dev), ino(st.st_ino), size(st.st_size), mtim(st.st_mtim), ctim(st.st_ctim)
+    {
+    }
+    bool operator==(const FileStamp &o) const
+    {
+        return dev == o.dev && ino == o.ino && size == o.size && SameTime(mtim, o.mtim) && SameTime(ctim, o.ctim);
+    }
+    static bool SameTime(const struct timespec &a, const struct timespec &b)
+    {
+        return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+    }
+};
+
+int64_t Nanoseconds(const struct timespec &ts)
+{
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+// True when the stamp alone tells every later change of the file: its last
+// change lies so far before the moment its content was read that a change
+// after that moment carries a later time.  File times come from a clock that
+// lags by up to a tick (ms) and may be cut to whole seconds by the file
+// system; a file changed more recently is compared by content instead.
+bool IsSettled(const struct stat &st)
+{
+    const int64_t kFineMargin = 50 * 1000000LL;
+    const int64_t kCoarseMargin = 2 * 1000000000LL;
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    bool blFine = st.st_mtim.tv_nsec != 0 || st.st_ctim.tv_nsec != 0;
+    int64_t newest = std::max(Nanoseconds(st.st_mtim), Nanoseconds(st.st_ctim));
+    return Nanoseconds(now) - newest > (blFine ? kFineMargin : kCoarseMargin);
+}
+
+// The last parsed files of this process, by path, most recently used first.
+// An entry is used only when a fresh stat of the path gives the same stamp
+// (device, inode, size, change times) and the stamp is settled, or when the
+// content read now is the cached content; a rewrite by rename gives a new
+// inode, an append a new size and time.  Bounded: at most kMaxEntries files,
+// and kMaxBytes of content besides the file read last.  A mutex guards it,
+// although the library calls it from one thread at a time.
+class FileCache {
+public:
+    // The parsed file at the path; NULL with the error state set on failure.
+    // *pMode receives the file's mode.  A writer (blWriter) never follows a
+    // symbolic link at the path.  A valid entry costs one stat of the path;
+    // otherwise the file is opened and its fstat describes what is read.
+    SectionFilePtr Load(const char *szPath, bool blWriter, mode_t *pMode)
+    {
+        struct stat st;
+        if ((blWriter ? lstat(szPath, &st) : stat(szPath, &st)) != 0 || !S_ISREG(st.st_mode)) {
+            VESK_ERR_SET(BW_ERR_FILE_OPEN);
+            return nullptr;
+        }
+        try {
+            std::lock_guard<std::mutex> lock(mutex_);
+            size_t i = IndexOf(szPath);
+            if (i < entries_.size() && entries_[i].settled && entries_[i].stamp == FileStamp(st)) {
+                *pMode = st.st_mode;
+                return Promote(i).file;
+            }
+            return ReadFile(szPath, blWriter, i, pMode);
+        } catch (...) {
+            VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+            return nullptr;
+        }
+    }
+
+    // Drops the entry of a file this process has just replaced.
+    void Forget(const char *szPath)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        size_t i = IndexOf(szPath);
+        if (i < entries_.size()) {
+            entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+    }
+
+private:
+    static const size_t kMaxEntries = 8;
+    static const size_t kMaxBytes = 4 * 1024 * 1024;  // all entries but the newest
+
+    struct Entry {
+        std::string path;
+        FileStamp stamp;
+        bool settled;
+        SectionFilePtr file;
+    };
+
+    // Reads the file and refreshes its entry (index i, or none when past the end).
+    SectionFilePtr ReadFile(const char *szPath, bool blWriter, size_t i, mode_t *pMode)
+    {
+        struct stat st;
+        std::string content;
+        if (!ReadWhole(szPath, blWriter, &st, &content)) {
+            return nullptr;
+        }
+        *pMode = st.st_mode;
+        FileStamp stamp(st);
+        bool settled = IsSettled(st);
+        if (i < entries_.size() && entries_[i].file->Content() == content) {
+            Entry &entry = Promote(i);
+            entry.stamp = stamp;
+            entry.settled = settled;
+            return entry.file;
+        }
+        auto file = std::make_shared<const SectionFile>(std::move(content));
+        if (i < entries_.size()) {
+            entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+        entries_.insert(entries_.begin(), Entry{szPath, stamp, settled, file});
+        Trim();
+        return file;
+    }
+
+    // Drops the least recently used entries beyond the bounds.  The newest
+    // entry stays whatever its size, so that listing the sections of a large
+    // file and then reading them one by one still reads it once.
+    void Trim()
+    {
+        size_t keep = entries_.empty() ? 0 : 1;
+        size_t cbOthers = 0;
+        while (keep < entries_.size() && keep < kMaxEntries) {
+            cbOthers += entries_[keep].file->Content().size();
+            if (cbOthers > kMaxBytes) {
+                break;
+            }
+            ++keep;
+        }
+        entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(keep), entries_.end());
+    }
+
+    size_t IndexOf(const char *szPath) const
+    {
+        size_t i = 0;
+        while (i < entries_.size() && entries_[i].path != szPath) {
+            ++i;
+        }
+        return i;
+    }
+
+    Entry &Promote(size_t i)
+    {
+        std::rotate(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(i),
+                    entries_.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+        return entries_.front();
+    }
+
+    std::mutex mutex_;
+    std::vector<Entry> entries_;
+};
+
+FileCache g_cache;
+
+// ---------------------------------------------------------------- writers
+
+// The file with every section named szSection replaced by the pairs of pHash
+// (removed when pHash is NULL); comment lines inside such a section are kept
+// after its new pairs, every other line of it is dropped.
+std::string RewriteContent(const SectionFile &file, const char *szSection, const VLIBC_SZHASH *pHash)
+{
+    std::string out;
+    out.reserve(file.Content().size());
+    bool blInSection = false;
+    for (const Line &line : file.Lines()) {
+        std::string_view name;
+        if (line.kind == LineKind::Header) {
+            blInSection = ParseHeader(file.Body(line), &name) && name == szSection;
+            if (blInSection) {
+                if (pHash != nullptr) {
+                    AppendSectionText(out, szSection, pHash);
                 }
                 continue;
             }
-        } else if (inSection && !IsComment(line, cb)) {
+        } else if (blInSection && line.kind != LineKind::Comment) {
             continue;
         }
-        text.append(line, cb);
+        out.append(file.Text(line));
     }
-    if (!found) {
-        VESK_ERR_SET(BW_ERR_NOT_FOUND);
-        return 0;
-    }
-    return ReplaceFile(szPath, text, mode) < 0 ? -1 : 1;
+    return out;
 }
 
-bool HasSection(const std::string &text, const char *szSection)
+// The file with the section appended, after a newline when its last line lacks one.
+std::string AppendContent(const SectionFile &file, const char *szSection, const VLIBC_SZHASH *pHash)
 {
-    for (auto [start, cb] : SplitLines(text)) {
-        if (VLIBCIFileMatchSection(text.data() + start, cb, szSection) == 1) {
-            return true;
-        }
+    std::string out = file.Content();
+    if (!out.empty() && out.back() != '\n') {
+        out.append("\n");
     }
-    return false;
+    AppendSectionText(out, szSection, pHash);
+    return out;
 }
 
-// Runs a section-file call: arguments checked first, and no exception
-// (an allocation failure) leaves it.
-template <typename Work>
-int Guarded(bool blArgumentsOk, Work work)
+using ContentBuilder = std::string (*)(const SectionFile &, const char *, const VLIBC_SZHASH *);
+
+// Replaces the file by what the builder makes of it, when the presence of
+// the section is what the change needs (blWantPresent).  1 changed, 0 not
+// (file untouched), -1 failure.
+int ChangeFile(const char *szPath, const char *szSection, const VLIBC_SZHASH *pHash, bool blWantPresent,
+               ContentBuilder build)
 {
-    if (!blArgumentsOk) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    mode_t mode = 0;
+    SectionFilePtr file = g_cache.Load(szPath, true, &mode);
+    if (file == nullptr) {
         return -1;
     }
+    if ((file->Find(szSection) != nullptr) != blWantPresent) {
+        if (blWantPresent) {
+            VESK_ERR_SET(BW_ERR_NOT_FOUND);
+        }
+        return 0;
+    }
+    std::string content;
     try {
-        return work();
-    } catch (const std::exception &) {
+        content = build(*file, szSection, pHash);
+    } catch (...) {
+        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    if (ReplaceFile(szPath, content, mode) != 0) {
+        return -1;
+    }
+    g_cache.Forget(szPath);
+    return 1;
+}
+
+// Sets the value of a pair line into the hash: 0 / -1.
+int StorePair(VLIBC_SZHASH **ppHash, std::string_view body)
+{
+    size_t eq = body.find('=');
+    try {
+        std::string key(body.substr(0, eq));
+        std::string value(body.substr(eq + 1));
+        return VLIBCSzHashSetValue(ppHash, key.c_str(), value.c_str()) < 0 ? -1 : 0;
+    } catch (...) {
         VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
         return -1;
     }
@@ -413,72 +590,76 @@ int Guarded(bool blArgumentsOk, Work work)
 int VLIBCFileExist(const char *szPath)
 {
     struct stat st;
-    return szPath != nullptr && stat(szPath, &st) == 0 ? 1 : 0;
+    if (!VESK_ARG_OK(NULL != szPath)) {
+        return 0;
+    }
+    return stat(szPath, &st) == 0 ? 1 : 0;
 }
 
 int VLIBCFileTouch(const char *szPath)
 {
-    if (szPath == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    if (!VESK_ARG_OK(NULL != szPath)) {
         return -1;
     }
-    int fd = open(szPath, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666);
-    if (fd < 0) {
-        VESK_ERR_SET(BW_ERR_FILE_OPEN);
-        return -1;
-    }
-    close(fd);
-    return 0;
+    return CreateIfMissing(szPath);
 }
 
 int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIBC_SZHASH **ppHash)
 {
-    return Guarded(szPath != nullptr && szSection != nullptr && ppHash != nullptr, [&] {
-        const ParsedFile *parsed = Load(szPath);
-        if (parsed == nullptr) {
+    if (!VESK_ARG_OK(NULL != szPath) || !VESK_ARG_OK(NULL != szSection) || !VESK_ARG_OK(NULL != ppHash)) {
+        return -1;
+    }
+    mode_t mode = 0;
+    SectionFilePtr file = g_cache.Load(szPath, false, &mode);
+    if (file == nullptr) {
+        return -1;
+    }
+    const Section *section = file->Find(szSection);
+    if (section == nullptr) {
+        VESK_ERR_SET(BW_ERR_NOT_FOUND);
+        return 0;
+    }
+    if (*ppHash == nullptr && (*ppHash = VLIBCSzHashAlloc(0)) == nullptr) {
+        return -1;
+    }
+    for (size_t i = section->begin; i < section->end; ++i) {
+        const Line &line = file->Lines()[i];
+        if (line.kind == LineKind::Pair && StorePair(ppHash, file->Body(line)) != 0) {
             return -1;
         }
-        auto found = parsed->first.find(szSection);
-        if (found == parsed->first.end()) {
-            VESK_ERR_SET(BW_ERR_NOT_FOUND);
-            return 0;
-        }
-        for (const auto &[key, value] : parsed->sections[found->second].pairs) {
-            if (VLIBCSzHashSetValue(ppHash, key.c_str(), value.c_str()) < 0) {
-                return -1;
-            }
-        }
-        return 1;
-    });
+    }
+    return 1;
 }
 
 int VLIBCFileEnumSection(const char *szPath, VLIBC_SZLIST **ppList)
 {
-    return Guarded(szPath != nullptr && ppList != nullptr, [&] {
-        const ParsedFile *parsed = Load(szPath);
-        if (parsed == nullptr) {
-            return -1;
-        }
-        for (const Section &section : parsed->sections) {
-            if (VLIBCSzListPush(ppList, section.name.c_str()) < 0) {
+    if (!VESK_ARG_OK(NULL != szPath) || !VESK_ARG_OK(NULL != ppList)) {
+        return -1;
+    }
+    mode_t mode = 0;
+    SectionFilePtr file = g_cache.Load(szPath, false, &mode);
+    if (file == nullptr) {
+        return -1;
+    }
+    if (*ppList == nullptr && (*ppList = VLIBCSzListAlloc(0)) == nullptr) {
+        return -1;
+    }
+    int count = 0;
+    try {
+        for (const Section &section : file->Sections()) {
+            if (file->Find(section.name) != &section) {
+                continue;  // each name once, where it first appears
+            }
+            if (VLIBCSzListPush(ppList, std::string(section.name).c_str()) < 0) {
                 return -1;
             }
+            ++count;
         }
-        return static_cast<int>(parsed->sections.size());
-    });
-}
-
-int VLIBCFileHash2File(FILE *fp, const char *szSection, const VLIBC_SZHASH *pHash, int iFlags)
-{
-    (void)iFlags;
-    return Guarded(fp != nullptr && ValidSectionName(szSection) && ValidHash(pHash), [&] {
-        std::string text = SectionText(szSection, pHash);
-        if (std::fwrite(text.data(), 1, text.size(), fp) != text.size()) {
-            VESK_ERR_SET(BW_ERR_FILE_WRITE);
-            return -1;
-        }
-        return 0;
-    });
+    } catch (...) {
+        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    return count;
 }
 
 int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *szReserved,
@@ -486,46 +667,63 @@ int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *s
 {
     (void)szReserved;
     (void)iFlags;
-    return Guarded(szPath != nullptr && ValidSectionName(szSection) && ValidHash(pHash),
-                   [&] { return EditSection(szPath, szSection, pHash, Edit::kReplace); });
-}
-
-int VLIBCFileRemoveSection(const char *szPath, const char *szSection)
-{
-    return Guarded(szPath != nullptr && ValidSectionName(szSection),
-                   [&] { return EditSection(szPath, szSection, nullptr, Edit::kRemove); });
+    if (!VESK_ARG_OK(NULL != szPath) || !SectionArgsOk(szSection, pHash)) {
+        return -1;
+    }
+    return ChangeFile(szPath, szSection, pHash, true, RewriteContent);
 }
 
 int VLIBCFileAddSection(const char *szPath, const char *szSection, const VLIBC_SZHASH *pHash, int iFlags)
 {
     (void)iFlags;
-    return Guarded(szPath != nullptr && ValidSectionName(szSection) && ValidHash(pHash), [&] {
-        std::string text;
-        mode_t mode = 0;
-        if (ReadForRewrite(szPath, true, &text, &mode) < 0) {
-            return -1;
-        }
-        if (HasSection(text, szSection)) {
-            return 0;
-        }
-        if (!text.empty() && text.back() != '\n') {
-            text += '\n';
-        }
-        text += SectionText(szSection, pHash);
-        return ReplaceFile(szPath, text, mode) < 0 ? -1 : 1;
-    });
+    if (!VESK_ARG_OK(NULL != szPath) || !SectionArgsOk(szSection, pHash)) {
+        return -1;
+    }
+    if (CreateIfMissing(szPath) != 0) {
+        return -1;
+    }
+    return ChangeFile(szPath, szSection, pHash, false, AppendContent);
+}
+
+int VLIBCFileRemoveSection(const char *szPath, const char *szSection)
+{
+    if (!VESK_ARG_OK(NULL != szPath) || !VESK_ARG_OK(NULL != szSection)) {
+        return -1;
+    }
+    return ChangeFile(szPath, szSection, nullptr, true, RewriteContent);
+}
+
+int VLIBCFileHash2File(FILE *fp, const char *szSection, const VLIBC_SZHASH *pHash, int iFlags)
+{
+    (void)iFlags;
+    if (!VESK_ARG_OK(NULL != fp) || !SectionArgsOk(szSection, pHash)) {
+        return -1;
+    }
+    std::string text;
+    try {
+        AppendSectionText(text, szSection, pHash);
+    } catch (...) {
+        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    if (fwrite(text.data(), 1, text.size(), fp) != text.size()) {
+        VESK_ERR_SET(BW_ERR_FILE_WRITE);
+        return -1;
+    }
+    return 0;
 }
 
 int VLIBCIFileIsSection(const char *szLine, size_t cbLine)
 {
-    return szLine != nullptr && IsHeader(szLine, cbLine) ? 1 : 0;
+    std::string_view name;
+    return szLine != nullptr && ParseHeader(LineBody(szLine, cbLine), &name) ? 1 : 0;
 }
 
 int VLIBCIFileMatchSection(const char *szLine, size_t cbLine, const char *szSection)
 {
-    if (szSection == nullptr || !VLIBCIFileIsSection(szLine, cbLine)) {
-        return 0;
-    }
-    size_t nameLength = LineLength(szLine, cbLine) - 2;
-    return std::strlen(szSection) == nameLength && std::memcmp(szLine + 1, szSection, nameLength) == 0 ? 1 : 0;
+    std::string_view name;
+    return szLine != nullptr && szSection != nullptr && ParseHeader(LineBody(szLine, cbLine), &name) &&
+                   name == szSection
+               ? 1
+               : 0;
 }

@@ -1,17 +1,45 @@
 // String hash (text to text, insertion order kept) and string list.
+//
+// The hash keeps its pairs in a deque, in insertion order, and an index from
+// key to position; the index's keys are views of the deque's key strings,
+// whose addresses a deque keeps while it grows at the back.  No exception
+// leaves this file: allocation failures become BW_ERR_OUT_OF_MEMORY.
 #include "vesk_hash.h"
 
+#include <algorithm>
+#include <deque>
 #include <new>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "vesk_log.h"
 
+// Room reserved up front at most: a larger size is only a hint, the hash grows
+// as needed.
+static const int kMaxReserve = 64;
+
 struct _VLIBC_SZHASH {
-    std::vector<std::pair<std::string, std::string>> items;  // in insertion order
-    std::unordered_map<std::string, size_t> index;           // key -> position in items
+    std::deque<std::pair<std::string, std::string>> pairs;
+    std::unordered_map<std::string_view, size_t> index;
+
+    void Set(const char *szKey, const char *szValue)
+    {
+        auto found = index.find(szKey);
+        if (found != index.end()) {
+            pairs[found->second].second.assign(szValue);
+            return;
+        }
+        pairs.emplace_back(szKey, szValue);
+        try {
+            index.emplace(pairs.back().first, pairs.size() - 1);
+        } catch (...) {
+            pairs.pop_back();
+            throw;
+        }
+    }
 };
 
 struct _VLIBC_SZLIST {
@@ -20,27 +48,35 @@ struct _VLIBC_SZLIST {
 
 namespace {
 
+// The object for a new handle; NULL with BW_ERR_OUT_OF_MEMORY on failure.
 template <typename T>
-T *AllocWithRoom(int iSize)
+T *NewHandle(int iSize, void (*reserve)(T *, size_t))
 {
-    T *object = new (std::nothrow) T;
-    if (object == nullptr) {
+    T *p = new (std::nothrow) T();
+    if (p == nullptr) {
         VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
         return nullptr;
     }
     try {
-        object->items.reserve(iSize > 0 ? static_cast<size_t>(iSize) : 0);
-    } catch (const std::exception &) {
-        // The room is only a hint; the container grows as needed.
+        reserve(p, static_cast<size_t>(std::clamp(iSize, 0, kMaxReserve)));
+    } catch (...) {
+        delete p;
+        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+        return nullptr;
     }
-    return object;
+    return p;
+}
+
+bool InRange(int i, size_t count)
+{
+    return i >= 0 && static_cast<size_t>(i) < count;
 }
 
 }  // namespace
 
 VLIBC_SZHASH *VLIBCSzHashAlloc(int iSize)
 {
-    return AllocWithRoom<VLIBC_SZHASH>(iSize);
+    return NewHandle<VLIBC_SZHASH>(iSize, [](VLIBC_SZHASH *p, size_t n) { p->index.reserve(n); });
 }
 
 void VLIBCSzHashFree(VLIBC_SZHASH *pHash)
@@ -50,28 +86,15 @@ void VLIBCSzHashFree(VLIBC_SZHASH *pHash)
 
 int VLIBCSzHashSetValue(VLIBC_SZHASH **ppHash, const char *szKey, const char *szValue)
 {
-    if (ppHash == nullptr || szKey == nullptr || szValue == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    if (!VESK_ARG_OK(NULL != ppHash) || !VESK_ARG_OK(NULL != szKey) || !VESK_ARG_OK(NULL != szValue)) {
         return -1;
     }
-    if (*ppHash == nullptr && (*ppHash = VLIBCSzHashAlloc(16)) == nullptr) {
+    if (*ppHash == nullptr && (*ppHash = VLIBCSzHashAlloc(0)) == nullptr) {
         return -1;
     }
-    VLIBC_SZHASH *hash = *ppHash;
     try {
-        auto found = hash->index.find(szKey);
-        if (found != hash->index.end()) {
-            hash->items[found->second].second = szValue;
-            return 0;
-        }
-        hash->items.emplace_back(szKey, szValue);
-        try {
-            hash->index.emplace(szKey, hash->items.size() - 1);
-        } catch (const std::exception &) {
-            hash->items.pop_back();
-            throw;
-        }
-    } catch (const std::exception &) {
+        (*ppHash)->Set(szKey, szValue);
+    } catch (...) {
         VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
         return -1;
     }
@@ -83,49 +106,44 @@ const char *VLIBCSzHashGetValue(const VLIBC_SZHASH *pHash, const char *szKey)
     if (pHash == nullptr || szKey == nullptr) {
         return nullptr;
     }
-    try {
-        auto found = pHash->index.find(szKey);
-        return found == pHash->index.end() ? nullptr : pHash->items[found->second].second.c_str();
-    } catch (const std::exception &) {
-        return nullptr;  // the key could not even be copied for the lookup
-    }
+    auto found = pHash->index.find(szKey);
+    return found == pHash->index.end() ? nullptr : pHash->pairs[found->second].second.c_str();
 }
 
 int VLIBCHashRemoveAll(VLIBC_SZHASH *pHash)
 {
-    if (pHash == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    if (!VESK_ARG_OK(NULL != pHash)) {
         return -1;
     }
-    pHash->items.clear();
     pHash->index.clear();
+    pHash->pairs.clear();
     return 0;
 }
 
 int VLIBCSzHashCount(const VLIBC_SZHASH *pHash)
 {
-    return pHash == nullptr ? 0 : static_cast<int>(pHash->items.size());
+    return pHash == nullptr ? 0 : static_cast<int>(pHash->pairs.size());
 }
 
 const char *VLIBCSzHashKeyAt(const VLIBC_SZHASH *pHash, int i)
 {
-    if (i < 0 || i >= VLIBCSzHashCount(pHash)) {
+    if (pHash == nullptr || !InRange(i, pHash->pairs.size())) {
         return nullptr;
     }
-    return pHash->items[static_cast<size_t>(i)].first.c_str();
+    return pHash->pairs[static_cast<size_t>(i)].first.c_str();
 }
 
 const char *VLIBCSzHashValueAt(const VLIBC_SZHASH *pHash, int i)
 {
-    if (i < 0 || i >= VLIBCSzHashCount(pHash)) {
+    if (pHash == nullptr || !InRange(i, pHash->pairs.size())) {
         return nullptr;
     }
-    return pHash->items[static_cast<size_t>(i)].second.c_str();
+    return pHash->pairs[static_cast<size_t>(i)].second.c_str();
 }
 
 VLIBC_SZLIST *VLIBCSzListAlloc(int iSize)
 {
-    return AllocWithRoom<VLIBC_SZLIST>(iSize);
+    return NewHandle<VLIBC_SZLIST>(iSize, [](VLIBC_SZLIST *p, size_t n) { p->items.reserve(n); });
 }
 
 void VLIBCSzListFree(VLIBC_SZLIST *pList)
@@ -135,16 +153,15 @@ void VLIBCSzListFree(VLIBC_SZLIST *pList)
 
 int VLIBCSzListPush(VLIBC_SZLIST **ppList, const char *sz)
 {
-    if (ppList == nullptr || sz == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
+    if (!VESK_ARG_OK(NULL != ppList) || !VESK_ARG_OK(NULL != sz)) {
         return -1;
     }
-    if (*ppList == nullptr && (*ppList = VLIBCSzListAlloc(16)) == nullptr) {
+    if (*ppList == nullptr && (*ppList = VLIBCSzListAlloc(0)) == nullptr) {
         return -1;
     }
     try {
         (*ppList)->items.emplace_back(sz);
-    } catch (const std::exception &) {
+    } catch (...) {
         VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
         return -1;
     }
@@ -158,7 +175,7 @@ int VLIBCSzListCount(const VLIBC_SZLIST *pList)
 
 const char *VLIBCSzListGet(const VLIBC_SZLIST *pList, int i)
 {
-    if (i < 0 || i >= VLIBCSzListCount(pList)) {
+    if (pList == nullptr || !InRange(i, pList->items.size())) {
         return nullptr;
     }
     return pList->items[static_cast<size_t>(i)].c_str();

@@ -10,7 +10,7 @@ extern "C" {
 
 typedef struct _VLIBC_SZHASH VLIBC_SZHASH;
 
-/* A new empty hash with room for iSize pairs before it grows; NULL on failure. */
+/* A new empty hash; iSize is a hint of the number of pairs to come. NULL on failure. */
 VESK_API VLIBC_SZHASH *VLIBCSzHashAlloc(int iSize);
 VESK_API void          VLIBCSzHashFree(VLIBC_SZHASH *pHash);          /* NULL accepted */
 /* Stores copies of both texts; a new value for a key keeps the key's place.

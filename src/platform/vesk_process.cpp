@@ -1,40 +1,69 @@
-// Processes: running a program without a shell, reading pid files.
+// Processes: running a program and reading a pid file.
 #include "vesk_system.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <climits>
+
 #include "vesk_log.h"
 
-int VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3, const char *szArg4)
+namespace {
+
+bool IsBlank(char c)
 {
-    if (szPath == nullptr) {
-        VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
-        return -1;
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+// The positive decimal number that the text holds between blanks, or -1.
+pid_t ParsePid(const char *text, size_t cb)
+{
+    size_t i = 0;
+    while (i < cb && IsBlank(text[i])) {
+        ++i;
     }
-    // The arguments up to the first NULL.
-    const char *argv[6] = {szPath, szArg1, szArg2, szArg3, szArg4, nullptr};
-    for (int i = 1; i < 5; ++i) {
-        if (argv[i] == nullptr) {
-            for (int j = i; j < 5; ++j) {
-                argv[j] = nullptr;
-            }
-            break;
+    long long value = 0;
+    size_t first = i;
+    for (; i < cb && text[i] >= '0' && text[i] <= '9'; ++i) {
+        value = value * 10 + (text[i] - '0');
+        if (value > INT_MAX) {
+            return -1;
         }
     }
-    pid_t child = fork();
-    if (child < 0) {
+    bool blDigits = i > first;
+    while (i < cb && IsBlank(text[i])) {
+        ++i;
+    }
+    return blDigits && i == cb && value > 0 ? static_cast<pid_t>(value) : -1;
+}
+
+}  // namespace
+
+int VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
+              const char *szArg4)
+{
+    if (!VESK_ARG_OK(NULL != szPath)) {
         return -1;
     }
-    if (child == 0) {
-        execv(szPath, const_cast<char *const *>(argv));
+    // argv: the path, then the arguments up to the first NULL.
+    const char *args[] = {szArg1, szArg2, szArg3, szArg4};
+    char *argv[6] = {const_cast<char *>(szPath)};
+    for (size_t i = 0; i < 4 && args[i] != nullptr; ++i) {
+        argv[i + 1] = const_cast<char *>(args[i]);
+    }
+    pid_t pid = fork();
+    if (pid < 0) {
+        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    if (pid == 0) {
+        execv(szPath, argv);
         _exit(127);
     }
     int status = 0;
-    while (waitpid(child, &status, 0) < 0) {
+    while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR) {
             return -1;
         }
@@ -44,27 +73,28 @@ int VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const 
 
 pid_t VLIBCReadPidFile(const char *szPath)
 {
-    if (szPath == nullptr) {
+    if (!VESK_ARG_OK(NULL != szPath)) {
         return -1;
     }
-    FILE *fp = std::fopen(szPath, "re");
-    if (fp == nullptr) {
+    int fd = open(szPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        VESK_ERR_SET(BW_ERR_FILE_OPEN);
         return -1;
     }
-    char text[64] = "";
-    bool read = std::fgets(text, sizeof text, fp) != nullptr;
-    std::fclose(fp);
-    if (!read) {
+    // A pid file holds a few characters; a file that fills the buffer is malformed.
+    char text[64];
+    ssize_t cb;
+    do {
+        cb = read(fd, text, sizeof(text));
+    } while (cb < 0 && errno == EINTR);
+    close(fd);
+    if (cb < 0) {
+        VESK_ERR_SET(BW_ERR_FILE_READ);
         return -1;
     }
-    char *end = nullptr;
-    errno = 0;
-    long pid = std::strtol(text, &end, 10);
-    while (*end == ' ' || *end == '\t' || *end == '\n' || *end == '\r') {
-        ++end;
+    pid_t pid = static_cast<size_t>(cb) < sizeof(text) ? ParsePid(text, static_cast<size_t>(cb)) : -1;
+    if (pid < 0) {
+        VESK_ERR_SET(BW_ERR_BAD_VALUE);
     }
-    if (end == text || *end != '\0' || errno != 0 || pid <= 0 || pid > 0x7fffffffL) {
-        return -1;
-    }
-    return static_cast<pid_t>(pid);
+    return pid;
 }

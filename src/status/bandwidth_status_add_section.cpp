@@ -1,7 +1,12 @@
 /* Appends a section to a status file unless the file already has one of that
- * name; the file is created when missing. */
+ * name; the file is created when missing.  The appended text is gathered in
+ * memory and reaches the file in one write, so that appends of other
+ * processes never land inside it and a rewrite never copies half of it,
+ * however long the section (a file name may fill 4095 characters, more than
+ * a stdio buffer). */
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include "status/bandwidth_status_file.h"
@@ -39,6 +44,41 @@ SectionScan ScanForSection(FILE *fp, const char *szSection)
     return blEndsWithNewline ? SCAN_ENDS_WITH_NEWLINE : SCAN_ENDS_WITHOUT_NEWLINE;
 }
 
+/* The text of one append, written through a stream into memory. */
+class AppendText {
+public:
+    AppendText() : fp_(open_memstream(&szText_, &cbText_)) {}
+    ~AppendText()
+    {
+        if (NULL != fp_) {
+            fclose(fp_);
+        }
+        free(szText_);
+    }
+    AppendText(const AppendText &) = delete;
+    AppendText &operator=(const AppendText &) = delete;
+
+    FILE *Stream() const { return fp_; }
+
+    /* Ends the text and appends it to fd in one write; false with
+     * BW_ERR_FILE_WRITE set on failure. */
+    bool WriteTo(int fd)
+    {
+        int iClosed = fclose(fp_);
+        fp_ = NULL;
+        if (0 != iClosed || (ssize_t)cbText_ != write(fd, szText_, cbText_)) {
+            VESK_ERR_SET(BW_ERR_FILE_WRITE);
+            return false;
+        }
+        return true;
+    }
+
+private:
+    char *szText_ = NULL;
+    size_t cbText_ = 0;
+    FILE *fp_;
+};
+
 }  // namespace
 
 int VESKBandwidthStatusAddSection(const char *szFile, const char *szSection, const VLIBC_SZHASH *pHash)
@@ -60,13 +100,20 @@ int VESKBandwidthStatusAddSection(const char *szFile, const char *szSection, con
     if (SCAN_FAILED == scan) {
         return -1;
     }
-    if (SCAN_ENDS_WITHOUT_NEWLINE == scan && EOF == fputc('\n', fp.get())) {
+    AppendText text;
+    if (NULL == text.Stream()) {
+        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    if (SCAN_ENDS_WITHOUT_NEWLINE == scan && EOF == fputc('\n', text.Stream())) {
         VESK_ERR_SET(BW_ERR_FILE_WRITE);
         return -1;
     }
-    int iResult = VLIBCFileHash2File(fp.get(), szSection, pHash, 0);
-    /* Flushed and synced whatever the outcome; neither changes the answer. */
-    fflush(fp.get());
+    int iResult = VLIBCFileHash2File(text.Stream(), szSection, pHash, 0);
+    if (0 == iResult && !text.WriteTo(fileno(fp.get()))) {
+        return -1;
+    }
+    /* Synced whatever the outcome; that does not change the answer. */
     fsync(fileno(fp.get()));
     return 0 == iResult ? 1 : iResult;
 }

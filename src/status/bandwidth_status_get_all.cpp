@@ -1,7 +1,10 @@
 /* Lists the fresh transfers of one status file, filtered by protocol and
  * direction and optionally merged per protocol and direction.  The same pass
  * collects the garbage of the store: sections not saved for more than 30
- * seconds, and leftover temporary files of the writer. */
+ * seconds, and leftover temporary files of the writer.  Stale sections are
+ * removed once the file has been read, and only so many per pass: each
+ * removal rewrites the whole file, so a file stuffed with dead sections costs
+ * every pass a bounded time and is emptied over the following passes. */
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -21,14 +24,16 @@ namespace {
 const int64_t BW_STATUS_FRESH_SECONDS = 30;
 /* A temporary file of the writer last modified longer ago than this is a leftover. */
 const time_t BW_TEMP_FILE_MAX_AGE = 10;
+/* Stale sections removed by one pass at most. */
+const int BW_STALE_REMOVALS_MAX = 16;
 
 using StatusPtr = std::unique_ptr<VESK_BANDWIDTH_STATUS, BwFree>;
 
 /* The section names of one file; the platform may move the list, hence the
  * plain handle. */
 struct SectionNames {
-    VLIBC_SZLIST *p = VLIBCSzListAlloc(1024);
-    SectionNames() = default;
+    VLIBC_SZLIST *p;
+    explicit SectionNames(int iSize = 1024) : p(VLIBCSzListAlloc(iSize)) {}
     SectionNames(const SectionNames &) = delete;
     SectionNames &operator=(const SectionNames &) = delete;
     ~SectionNames() { VLIBCSzListFree(p); }
@@ -87,6 +92,7 @@ struct StatusScan {
     bool blMerge;
     BwHash &hash; /* reused for every section */
     StatusList list;
+    SectionNames stale{BW_STALE_REMOVALS_MAX}; /* to remove after the pass */
 
     /* Takes section szSection into the list, or drops it; -1 only when a
      * record cannot be allocated. */
@@ -109,7 +115,7 @@ struct StatusScan {
         }
         /* Stale sections go whatever their protocol or direction. */
         if (status->timestamp < llStaleBefore) {
-            RemoveStale(szSection);
+            MarkStale(szSection);
         } else if (Matches(*status) && !(blMerge && list.MergeInto(*status))) {
             list.Push(std::move(status));
         }
@@ -121,11 +127,23 @@ struct StatusScan {
         return 0 != (status.protocol_type & protocol_type) && 0 != (status.transfer_type & transfer_type);
     }
 
-    void RemoveStale(const char *szSection) const
+    /* A section past the limit, or whose name cannot be kept, stays in the
+     * file for a later pass. */
+    void MarkStale(const char *szSection)
     {
-        if (VLIBCFileRemoveSection(szFile, szSection) < 0) {
-            VESK_LOG("VLIBCFileRemoveSection failed. user:[%s], section:[%s] [0x%04X %s:%d]", szFile, szSection,
-                     VESK_ERR_ARGS);
+        if (VLIBCSzListCount(stale.p) < BW_STALE_REMOVALS_MAX) {
+            (void)VLIBCSzListPush(&stale.p, szSection);
+        }
+    }
+
+    void RemoveStale() const
+    {
+        const char *szSection;
+        for (int i = 0; NULL != (szSection = VLIBCSzListGet(stale.p, i)); ++i) {
+            if (VLIBCFileRemoveSection(szFile, szSection) < 0) {
+                VESK_LOG("VLIBCFileRemoveSection failed. user:[%s], section:[%s] [0x%04X %s:%d]", szFile, szSection,
+                         VESK_ERR_ARGS);
+            }
         }
     }
 };
@@ -189,6 +207,7 @@ int VESKBandwidthIStatusGetAll(const char *szStatusFile, int protocol_type, unsi
             return -1;
         }
     }
+    scan.RemoveStale();
     return scan.list.HandOver(pStatusList);
 }
 

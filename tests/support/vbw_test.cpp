@@ -1,14 +1,17 @@
 #include "vbw_test.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
+#include <signal.h>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace vbw {
@@ -129,6 +132,16 @@ int LogCapture::Count(const std::string &substring)
     return count;
 }
 
+bool LogCapture::From(const std::string &origin, const std::string &substring)
+{
+    for (const std::string &line : Lines()) {
+        if (line.compare(0, origin.size() + 1, origin + ":") == 0 && line.find(substring) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string LogCapture::Dump()
 {
     std::string all;
@@ -183,6 +196,66 @@ bool Exists(const std::string &path)
 {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
+}
+
+int Occurrences(const std::string &text, const std::string &what)
+{
+    int count = 0;
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at) {
+        ++count;
+    }
+    return count;
+}
+
+std::string Printed(const std::function<int(FILE *)> &print, int result)
+{
+    char *buffer = nullptr;
+    size_t size = 0;
+    FILE *fp = open_memstream(&buffer, &size);
+    EXPECT_EQ(result, print(fp));
+    fclose(fp);
+    std::string text(buffer, size);
+    free(buffer);
+    return text;
+}
+
+int64_t NowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+bool WaitUntil(const std::function<bool()> &cond, int timeoutMs)
+{
+    for (int64_t end = NowMs() + timeoutMs; NowMs() < end;) {
+        if (cond()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return cond();
+}
+
+pid_t Fork(const std::function<int()> &body)
+{
+    pid_t pid = fork();
+    if (0 == pid) {
+        _exit(body());
+    }
+    EXPECT_LT(0, pid) << "fork: " << std::strerror(errno);
+    return pid;
+}
+
+int WaitExit(pid_t pid, int timeoutMs)
+{
+    int status = 0;
+    if (!WaitUntil([&] { return pid == waitpid(pid, &status, WNOHANG); }, timeoutMs)) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace vbw

@@ -6,7 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <stdio.h>
+
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <sys/stat.h>
@@ -29,6 +32,8 @@ public:
     void Clear();
     int Count(const std::string &substring);        // lines that contain the text
     bool Contains(const std::string &substring) { return Count(substring) > 0; }
+    // A line of the module `origin` ("bandwidth_enum.cpp") that contains the text.
+    bool From(const std::string &origin, const std::string &substring);
     std::string Dump();                             // all lines, for failure messages
 
 private:
@@ -53,6 +58,19 @@ std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &content, mode_t mode = 0644);
 void MakeDirs(const std::string &path, mode_t mode = 0755);
 bool Exists(const std::string &path);
+int Occurrences(const std::string &text, const std::string &what);
+
+// What print wrote to a stream of its own; its result must be `result`.
+std::string Printed(const std::function<int(FILE *)> &print, int result = 0);
+
+int64_t NowMs();  // monotonic
+bool WaitUntil(const std::function<bool()> &cond, int timeoutMs);
+
+// A child process that runs body and exits with its result.
+pid_t Fork(const std::function<int()> &body);
+// The exit status of a child, or -1 when it did not end within timeoutMs (it
+// is killed then) or was killed by a signal.
+int WaitExit(pid_t pid, int timeoutMs);
 
 }  // namespace vbw
 

@@ -1,12 +1,14 @@
 #include "vbw_throttle_fixture.h"
 
 #include <dlfcn.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <sstream>
 
-#include "vbw_test.h"
 #include "vesk_account.h"
 
 namespace vbw {
@@ -27,6 +29,11 @@ std::string SectionName(pid_t pid, int transfer_type)
     return std::to_string((unsigned)pid) + "-" + std::to_string(transfer_type);
 }
 
+std::string StatusFile(const std::string &owner, unsigned id)
+{
+    return "/tmp/bandwidth/" + owner + "-" + std::to_string(id);
+}
+
 void WriteStatusFile(const std::string &owner, unsigned id, const std::vector<StatusEntry> &entries)
 {
     std::ostringstream out;
@@ -34,12 +41,12 @@ void WriteStatusFile(const std::string &owner, unsigned id, const std::vector<St
         out << "[" << SectionName(e.pid, e.transfer) << "]\n"
             << "pid=" << e.pid << "\nid=" << id << "\nuid=" << e.uid << "\nactive=" << e.active
             << "\ntimestamp=" << (int64_t)time(NULL) - e.age << "\ncurrent speed=" << e.current
-            << "\nexpect speed=0\nfilename=/share/f" << e.pid << "\nowner type=" << owner
+            << "\nexpect speed=" << e.expect << "\nfilename=/share/f" << e.pid << "\nowner type=" << owner
             << "\nprotocol type=" << e.protocol << "\ntransfer type=" << TransferName(e.transfer)
             << "\nprogress=0\n";
     }
     MakeDirs("/tmp/bandwidth", 0777);
-    WriteFile("/tmp/bandwidth/" + owner + "-" + std::to_string(id), out.str(), 0666);
+    WriteFile(StatusFile(owner, id), out.str(), 0666);
 }
 
 Sections ReadSections(const std::string &path)
@@ -60,23 +67,130 @@ Sections ReadSections(const std::string &path)
     return sections;
 }
 
+std::map<std::string, std::string> ReadSection(const std::string &path, const std::string &section)
+{
+    Sections all = ReadSections(path);
+    Sections::const_iterator found = all.find(section);
+    return all.end() == found ? std::map<std::string, std::string>() : found->second;
+}
+
+bool HasSection(const std::string &path, const std::string &section)
+{
+    return ReadSections(path).count(section) > 0;
+}
+
 void WriteConfFile(const std::string &file, const std::string &content)
 {
     MakeDirs("/usr/vesk/etc/bandwidth");
     WriteFile("/usr/vesk/etc/bandwidth/" + file, content);
 }
 
+VESK_BANDWIDTH_CONF Conf(int ownerType, unsigned id, int protocol, uint64_t upKBps, uint64_t downKBps, int state,
+                         const std::string &plan)
+{
+    VESK_BANDWIDTH_CONF conf;
+    memset(&conf, 0, sizeof(conf));
+    conf.id = id;
+    conf.iState = (VESK_BW_LIMIT_STATE)state;
+    conf.iProtocol = (VESK_BW_PROTOCOL_TYPE)protocol;
+    conf.iOwnerType = (VESK_BW_OWNER_TYPE)ownerType;
+    conf.ullRate[VESK_BW_TRANSFER_UPLOAD] = upKBps;
+    conf.ullRate[VESK_BW_TRANSFER_DOWNLOAD] = downKBps;
+    snprintf(conf.szSchedulePlan, sizeof(conf.szSchedulePlan), "%s", plan.c_str());
+    return conf;
+}
+
 VESK_BANDWIDTH_LIMIT Limit(int owner_type, unsigned id, uint64_t upload, uint64_t download, int protocol)
 {
     VESK_BANDWIDTH_LIMIT limit;
     memset(&limit, 0, sizeof(limit));
-    limit.id = id;
-    limit.iCurState = limit.iState = VESK_BW_STATE_ENABLED;
-    limit.iProtocol = (VESK_BW_PROTOCOL_TYPE)protocol;
-    limit.iOwnerType = (VESK_BW_OWNER_TYPE)owner_type;
-    limit.ullCurRate[VESK_BW_TRANSFER_UPLOAD] = limit.ullRate[VESK_BW_TRANSFER_UPLOAD] = upload;
-    limit.ullCurRate[VESK_BW_TRANSFER_DOWNLOAD] = limit.ullRate[VESK_BW_TRANSFER_DOWNLOAD] = download;
+    VESK_BANDWIDTH_CONF conf = Conf(owner_type, id, protocol, upload, download);
+    memcpy(&limit, &conf, sizeof(conf));  // a limit record begins with the fields of a limit
+    limit.iCurState = VESK_BW_STATE_ENABLED;
+    limit.ullCurRate[VESK_BW_TRANSFER_UPLOAD] = upload;
+    limit.ullCurRate[VESK_BW_TRANSFER_DOWNLOAD] = download;
     return limit;
+}
+
+std::string Text(const VESK_BANDWIDTH_CONF &conf)
+{
+    std::ostringstream out;
+    out << "id " << conf.id << " states " << conf.iCurState << "/" << conf.iState << " protocol " << conf.iProtocol
+        << " owner " << conf.iOwnerType;
+    for (const uint64_t *rates : {conf.ullCurRate, conf.ullRate, conf.ullCustomRate}) {
+        out << " rates " << rates[VESK_BW_TRANSFER_UPLOAD] << "/" << rates[VESK_BW_TRANSFER_DOWNLOAD];
+    }
+    return out.str() + " plan " + std::string(conf.szSchedulePlan, strnlen(conf.szSchedulePlan, sizeof(conf.szSchedulePlan)));
+}
+
+VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSpec &spec)
+{
+    VESK_BANDWIDTH_GLOBAL_CONF conf;
+    memset(&conf, 0, sizeof(conf));
+    conf.iState = (VESK_BW_LIMIT_STATE)spec.state;
+    conf.iProtocol = (VESK_BW_PROTOCOL_TYPE)protocol;
+    conf.iUserGroupPolicy = (VESK_BW_GROUP_POLICY)spec.userGroup;
+    conf.iInterGroupPolicy = (VESK_BW_GROUP_POLICY)spec.interGroup;
+    conf.iOccupyPolicy = (VESK_BW_OCCUPY_POLICY)spec.occupy;
+    snprintf(conf.szSchedulePlan, sizeof(conf.szSchedulePlan), "%s", spec.plan.c_str());
+    return conf;
+}
+
+VESK_BANDWIDTH_STATUS Status(pid_t pid, uint64_t current, uint64_t expect)
+{
+    VESK_BANDWIDTH_STATUS status;
+    memset(&status, 0, sizeof(status));
+    status.pid = pid;
+    status.id = status.uid = kAlice;
+    status.active = 1;
+    status.timestamp = time(NULL);
+    status.current_speed = current;
+    status.expect_speed = expect;
+    snprintf(status.filename, sizeof(status.filename), "/share/f%d", (int)pid);
+    status.owner_type = VESK_BW_OWNER_USER;
+    status.protocol_type = VESK_BW_PROTOCOL_FTP;
+    status.transfer_type = VESK_BW_TRANSFER_DOWNLOAD;
+    return status;
+}
+
+Hash::Hash(std::initializer_list<std::pair<std::string, std::string>> pairs) : hash_(VLIBCSzHashAlloc(16))
+{
+    for (const auto &pair : pairs) {
+        EXPECT_LE(0, VLIBCSzHashSetValue(&hash_, pair.first.c_str(), pair.second.c_str()));
+    }
+}
+
+Hash::~Hash()
+{
+    VLIBCSzHashFree(hash_);
+}
+
+const char *Hash::operator[](const char *key) const
+{
+    return VLIBCSzHashGetValue(hash_, key);
+}
+
+Pairs Hash::Contents() const
+{
+    Pairs pairs;
+    for (int i = 0; i < VLIBCSzHashCount(hash_); ++i) {
+        pairs.emplace_back(VLIBCSzHashKeyAt(hash_, i), VLIBCSzHashValueAt(hash_, i));
+    }
+    return pairs;
+}
+
+void ConfigTest::TearDown()
+{
+    VESKBandwidthConfigFree(&config);
+    FakeGroupList(nullptr);
+}
+
+void ConfigTest::Use(const std::vector<VESK_BANDWIDTH_LIMIT> &limits)
+{
+    free(config.pLimit);
+    config.iLimitCount = (int)limits.size();
+    config.pLimit = (VESK_BANDWIDTH_LIMIT *)calloc(limits.size(), sizeof(VESK_BANDWIDTH_LIMIT));
+    std::copy(limits.begin(), limits.end(), config.pLimit);
 }
 
 void FakeGroupList(const std::vector<std::string> *entries)

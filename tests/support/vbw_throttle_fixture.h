@@ -1,19 +1,89 @@
-// Fixtures of the throttling tests: status files and limit files written
-// directly in the section syntax, limit records in memory, and a switch that
-// replaces the platform's group list of a user.
+// Fixtures of the library's records and files: records built in memory, a
+// throttle configuration held by a test, platform hashes, status and limit
+// files written directly in the section syntax, and a switch that replaces
+// the platform's group list of a user.
 #ifndef VBW_THROTTLE_FIXTURE_H
 #define VBW_THROTTLE_FIXTURE_H
 
 #include <stdint.h>
+#include <string.h>
 #include <sys/types.h>
 
+#include <initializer_list>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "vbw_test.h"
 #include "veskbandwidth.h"
 
 namespace vbw {
+
+const uid_t kAlice = 1026;  // in groups users (100), staff (101) and backup (103)
+const gid_t kUsers = 100;
+const int kFtp = VESK_BW_PROTOCOL_FTP;
+const int kUp = VESK_BW_TRANSFER_UPLOAD;
+const int kDown = VESK_BW_TRANSFER_DOWNLOAD;
+
+// A limit record; rates in KB/s.
+VESK_BANDWIDTH_CONF Conf(int ownerType, unsigned id, int protocol, uint64_t upKBps, uint64_t downKBps,
+                         int state = VESK_BW_STATE_ENABLED, const std::string &plan = "");
+
+// A limit record in force with the given rates in KB/s (ullCurRate and ullRate).
+VESK_BANDWIDTH_LIMIT Limit(int owner_type, unsigned id, uint64_t upload, uint64_t download,
+                           int protocol = VESK_BW_PROTOCOL_FTP);
+
+struct GlobalSpec {
+    int state = VESK_BW_STATE_ENABLED;
+    int userGroup = VESK_BW_POLICY_USER_FIRST;
+    int interGroup = VESK_BW_POLICY_MAX;
+    int occupy = VESK_BW_OCCUPY_MAX;
+    std::string plan;
+};
+VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSpec &spec = GlobalSpec());
+
+// Alice's active ftp download by pid, saved now, of the file "/share/f<pid>".
+VESK_BANDWIDTH_STATUS Status(pid_t pid, uint64_t current = 1000, uint64_t expect = 2000);
+
+// The fields of a limit record as text (rate slots 1 and 2), to compare
+// records whose padding and unused slots may differ.
+std::string Text(const VESK_BANDWIDTH_CONF &conf);
+
+template <typename Record> bool SameBytes(const Record &a, const Record &b)
+{
+    return 0 == memcmp(&a, &b, sizeof(a));
+}
+
+typedef std::vector<std::pair<std::string, std::string>> Pairs;
+
+// A platform string hash of the given pairs, released with its scope.
+class Hash {
+public:
+    Hash(std::initializer_list<std::pair<std::string, std::string>> pairs = {});
+    ~Hash();
+    Hash(const Hash &) = delete;
+    Hash &operator=(const Hash &) = delete;
+
+    VLIBC_SZHASH **Address() { return &hash_; }
+    operator VLIBC_SZHASH *() const { return hash_; }
+    const char *operator[](const char *key) const;
+    Pairs Contents() const;  // in insertion order
+
+private:
+    VLIBC_SZHASH *hash_;
+};
+
+// A test holding a throttle configuration of alice in memory; it is released
+// and the platform's group list is restored after the test.
+class ConfigTest : public SandboxTest {
+protected:
+    void TearDown() override;
+    // Replaces the limit records by copies of these.
+    void Use(const std::vector<VESK_BANDWIDTH_LIMIT> &limits);
+
+    VESK_BANDWIDTH_CONFIG config = {kAlice, 0, 0, 0, nullptr, {}};
+};
 
 // One transfer's section in a status file; age is seconds before now.
 struct StatusEntry {
@@ -24,24 +94,28 @@ struct StatusEntry {
     int transfer = VESK_BW_TRANSFER_DOWNLOAD;
     std::string protocol = "ftp";
     int64_t age = 0;
+    uint64_t expect = 0;
 };
 
-// Writes /tmp/bandwidth/<owner>-<id> holding the entries as sections, in order.
+// "/tmp/bandwidth/<owner>-<id>".
+std::string StatusFile(const std::string &owner, unsigned id);
+
+// Writes the status file of owner and id holding the entries as sections, in order.
 void WriteStatusFile(const std::string &owner, unsigned id, const std::vector<StatusEntry> &entries);
 
 // The sections of a section file: name -> key -> value.
 typedef std::map<std::string, std::map<std::string, std::string>> Sections;
 Sections ReadSections(const std::string &path);
 
+// The pairs of one section; empty when the file or the section is missing.
+std::map<std::string, std::string> ReadSection(const std::string &path, const std::string &section);
+bool HasSection(const std::string &path, const std::string &section);
+
 // The section name of a transfer: "<pid>-<transfer type>".
 std::string SectionName(pid_t pid, int transfer_type);
 
 // Writes /usr/vesk/etc/bandwidth/<file> (the directory is created).
 void WriteConfFile(const std::string &file, const std::string &content);
-
-// A limit record in force with the given rates in KB/s (ullCurRate and ullRate).
-VESK_BANDWIDTH_LIMIT Limit(int owner_type, unsigned id, uint64_t upload, uint64_t download,
-                           int protocol = VESK_BW_PROTOCOL_FTP);
 
 // From now on VLIBGroupInfoListGet answers with these entries for every
 // user; nullptr gives the platform's answer again.
