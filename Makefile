@@ -24,7 +24,7 @@ build-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DVESK_SANITIZE=ON -DVESK_BUILD_BENCH=OFF $(CMAKE_ARGS)
 	cmake --build $(ASAN_BUILD) -j$(JOBS)
 
-test: test-normal test-asan fuzz
+test: fuzz test-normal test-asan
 
 test-normal: build
 	cd $(BUILD) && ctest -j$(JOBS) --output-on-failure
