@@ -1,6 +1,6 @@
 # Thin wrapper over CMake.  `make demo` builds and runs the demo; `make test`
-# builds and runs every test in the normal and the sanitizer build, then runs
-# each fuzz target for a bounded number of inputs.
+# runs each fuzz target for a bounded number of inputs, then builds and runs
+# every test in the normal and the sanitizer build.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)

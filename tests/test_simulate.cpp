@@ -1,11 +1,12 @@
-// The transfer simulator: its chunks, deactivation and reloads.  Several
-// simulators sharing one group limit are the command-line demo's test.
+// The transfer simulator: its chunks, a group limit shared by several
+// simulators, deactivation, reloads, and limits switched off while it runs.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <regex>
 #include <vector>
 
@@ -62,6 +63,17 @@ protected:
     {
         ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, GlobalSpec()));
         ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps));
+    }
+
+    // Group users limited to downKBps under group-only, every transfer
+    // occupying it.
+    void LimitUsersGroup(uint64_t downKBps)
+    {
+        GlobalSpec spec;
+        spec.userGroup = VESK_BW_POLICY_GROUP_ONLY;
+        spec.occupy = VESK_BW_OCCUPY_ALL;
+        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, spec));
+        ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, downKBps));
     }
 
     static bool HasEntry(const std::string &owner, unsigned int id, pid_t pid)
@@ -153,6 +165,67 @@ TEST_F(SimulateTest, HangupMakesExactlyOneReload)
     std::string calls = ReadFile(kCallsFile);
     EXPECT_EQ(1, std::count(calls.begin(), calls.end(), 'R')) << calls;
     EXPECT_TRUE(std::regex_match(calls, std::regex("S+RS{2,}"))) << calls;
+}
+
+TEST_F(SimulateTest, TransfersUnderOneGroupShareItsLimit)
+{
+    const uint64_t fairBps = 256 * 1024;
+    ASSERT_NO_FATAL_FAILURE(LimitUsersGroup(3 * 256));
+    std::vector<pid_t> children;
+    for (const char *user : {"alice", "bob", "carol"}) {
+        children.push_back(ForkSimulator(user, kFtp, kDown, 512));  // two seconds at the fair part
+    }
+
+    // Sample the group's file while the three run side by side.
+    std::map<unsigned int, std::vector<uint64_t>> speeds;
+    int samplesWithAll = 0;
+    for (int64_t end = NowMs() + 1700; NowMs() < end;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        VESK_BANDWIDTH_STATUS *list = NULL;
+        VESKBandwidthStatusGetAll(VESK_BW_OWNER_GROUP, kUsers, kFtp, kDown, &list);
+        std::map<unsigned int, uint64_t> sample;
+        for (VESK_BANDWIDTH_STATUS *p = list; NULL != p; p = p->pNext) {
+            sample[p->uid] = p->current_speed;
+        }
+        VESKBandwidthStatusListFree(&list);
+        if (3 == sample.size()) {
+            ++samplesWithAll;
+            for (const auto &entry : sample) {
+                speeds[entry.first].push_back(entry.second);
+            }
+        }
+    }
+    for (pid_t child : children) {
+        EXPECT_EQ(0, WaitExit(child, 10000));
+    }
+    EXPECT_GE(samplesWithAll, 3);
+    ASSERT_EQ(3u, speeds.size());
+    for (auto &[uid, samples] : speeds) {
+        std::sort(samples.begin(), samples.end());
+        uint64_t median = samples[samples.size() / 2];
+        EXPECT_GE(median, fairBps / 2) << "uid " << uid;
+        EXPECT_LE(median, fairBps * 3 / 2) << "uid " << uid;
+    }
+    for (pid_t child : children) {
+        EXPECT_FALSE(HasEntry("group", kUsers, child));
+    }
+}
+
+TEST_F(SimulateTest, LimitSwitchedOffByAdministrator)
+{
+    ASSERT_NO_FATAL_FAILURE(LimitUsersGroup(256));
+    InstallKillallStandIn();
+    pid_t child = ForkSimulator("alice", kFtp, kDown, 64 * 40);  // ten seconds if left alone
+    ASSERT_TRUE(WaitUntil([&] { return HasEntry("group", kUsers, child); }, 5000));
+    ASSERT_TRUE(HasEntry("user", kAlice, child));
+
+    VESK_BANDWIDTH_GLOBAL_CONF off;
+    ASSERT_EQ(0, VESKBandwidthGlobalConfGet(kFtp, &off));
+    off.iState = VESK_BW_STATE_DISABLED;
+    ASSERT_EQ(0, VESKBandwidthGlobalConfSet(&off));
+    EXPECT_EQ(0, WaitExit(child, 3000)) << log.Dump();
+    EXPECT_FALSE(HasEntry("group", kUsers, child));
+    EXPECT_FALSE(HasEntry("user", kAlice, child));
 }
 
 }  // namespace
