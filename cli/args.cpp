@@ -9,11 +9,11 @@
 namespace cli {
 namespace {
 
-const OptionSpec *FindSpec(std::initializer_list<OptionSpec> specs, const std::string &name)
+const OptionSpec *FindSpec(std::initializer_list<OptionSpec> descs, const std::string &name)
 {
-    for (const OptionSpec &spec : specs) {
-        if (name == spec.name) {
-            return &spec;
+    for (const OptionSpec &desc : descs) {
+        if (name == desc.name) {
+            return &desc;
         }
     }
     return nullptr;
@@ -34,7 +34,7 @@ bool AllDigits(const std::string &text)
 
 }  // namespace
 
-Args::Args(int argc, char **argv, std::initializer_list<OptionSpec> specs)
+Args::Args(int argc, char **argv, std::initializer_list<OptionSpec> descs)
 {
     bool optionsEnd = false;
     for (int i = 0; i < argc; ++i) {
@@ -56,16 +56,16 @@ Args::Args(int argc, char **argv, std::initializer_list<OptionSpec> specs)
             name.resize(eq);
             inlineValue = true;
         }
-        const OptionSpec *spec = FindSpec(specs, name);
-        if (spec == nullptr) {
+        const OptionSpec *desc = FindSpec(descs, name);
+        if (desc == nullptr) {
             throw UsageError("unknown option --" + name);
         }
-        if (spec->takesValue && !inlineValue) {
+        if (desc->takesValue && !inlineValue) {
             if (i + 1 >= argc) {
                 throw UsageError("option --" + name + " needs a value");
             }
             value = argv[++i];
-        } else if (!spec->takesValue && inlineValue) {
+        } else if (!desc->takesValue && inlineValue) {
             throw UsageError("option --" + name + " takes no value");
         }
         if (values_.count(name) != 0) {

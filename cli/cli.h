@@ -46,7 +46,7 @@ struct OptionSpec {
 
 class Args {
 public:
-    Args(int argc, char **argv, std::initializer_list<OptionSpec> specs);
+    Args(int argc, char **argv, std::initializer_list<OptionSpec> descs);
 
     bool Has(const std::string &name) const { return values_.count(name) != 0; }
     std::string Get(const std::string &name) const;  // "" when absent
@@ -134,12 +134,12 @@ struct TransferSpec {
 
 // Starts VESKBandwidthSimulate in a child process: it is named veskbandwidth
 // like this one, so the simulator hangup reaches it.  Throws when it cannot fork.
-pid_t StartSimulator(const TransferSpec &spec, size_t kibibytes);
+pid_t StartSimulator(const TransferSpec &desc, size_t kibibytes);
 // The child's entry in its user's status file; false while it is not listed
 // (before its first save, or when its transfer is not limited).
-bool ReadSimulatorStatus(const TransferSpec &spec, pid_t pid, VESK_BANDWIDTH_STATUS *status);
+bool ReadSimulatorStatus(const TransferSpec &desc, pid_t pid, VESK_BANDWIDTH_STATUS *status);
 // Ends the child and removes its entries from the user's and groups' files.
-void StopSimulator(const TransferSpec &spec, pid_t pid);
+void StopSimulator(const TransferSpec &desc, pid_t pid);
 
 // ---------------------------------------------------------------------------
 // Commands: each takes the arguments after its own name and returns the exit status.

@@ -63,7 +63,7 @@ void DrawBar(bool seen, const VESK_BANDWIDTH_STATUS &s, uint64_t bytes)
               << ProgressText(seen, s, bytes) << "\x1b[K" << std::flush;
 }
 
-int WatchSimulation(const TransferSpec &spec, pid_t child, uint64_t bytes)
+int WatchSimulation(const TransferSpec &desc, pid_t child, uint64_t bytes)
 {
     CatchStopSignals();
     const bool terminal = IsTerminal(STDOUT_FILENO);
@@ -74,8 +74,8 @@ int WatchSimulation(const TransferSpec &spec, pid_t child, uint64_t bytes)
         if (waitpid(child, &status, WNOHANG) == child) {
             if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
                 // A failed simulator leaves its entries behind; it saves no more.
-                VESKBandwidthStatusForceRemoveAllByUserName(spec.user.name.c_str(),
-                                                            static_cast<unsigned>(spec.direction), child);
+                VESKBandwidthStatusForceRemoveAllByUserName(desc.user.name.c_str(),
+                                                            static_cast<unsigned>(desc.direction), child);
                 return 1;
             }
             double seconds = std::max(static_cast<double>(NowUs() - start) / 1e6, 1e-3);
@@ -85,13 +85,13 @@ int WatchSimulation(const TransferSpec &spec, pid_t child, uint64_t bytes)
             return 0;
         }
         if (StopRequested()) {
-            StopSimulator(spec, child);
+            StopSimulator(desc, child);
             std::cout << (terminal ? "\n" : "") << "Interrupted: ended the simulation (pid " << child
                       << ") and removed its entries.\n";
             return 130;
         }
         VESK_BANDWIDTH_STATUS s = {};
-        bool seen = ReadSimulatorStatus(spec, child, &s);
+        bool seen = ReadSimulatorStatus(desc, child, &s);
         if (terminal) {
             DrawBar(seen, s, bytes);
         } else if (NowUs() - lastLine >= 1000000) {

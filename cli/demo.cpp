@@ -41,7 +41,7 @@ const int kProtocol = VESK_BW_PROTOCOL_FTP;
 const int kDefaultSeconds = 20;
 
 struct Runner {
-    TransferSpec spec;
+    TransferSpec desc;
     uint64_t ownLimitKBps;
     pid_t pid = -1;
     // The moments a new progress value was first seen: the first and the last.
@@ -126,7 +126,7 @@ void Sample(std::vector<Runner> &runners, uint64_t sizeBytes)
 {
     for (Runner &r : runners) {
         VESK_BANDWIDTH_STATUS s = {};
-        if (!ReadSimulatorStatus(r.spec, r.pid, &s)) {
+        if (!ReadSimulatorStatus(r.desc, r.pid, &s)) {
             continue;
         }
         r.nowSpeed = s.current_speed;
@@ -151,7 +151,7 @@ std::string LiveLine(const std::vector<Runner> &runners, int elapsed)
     uint64_t total = 0;
     line << elapsed << "s ";
     for (const Runner &r : runners) {
-        line << " " << r.spec.user.name << " " << KBps(r.nowSpeed);
+        line << " " << r.desc.user.name << " " << KBps(r.nowSpeed);
         total += r.nowSpeed;
     }
     line << "  total " << KBps(total) << " KB/s (group limit " << kGroupLimitKBps << ")";
@@ -198,7 +198,7 @@ void PrintSummary(const std::vector<Runner> &runners, double seconds)
         if (r.ownLimitKBps != 0) {
             limits = "own " + std::to_string(r.ownLimitKBps) + ", " + limits;
         }
-        table.AddRow({r.spec.user.name, limits, number(r.AverageKBps()), number(fair[i])});
+        table.AddRow({r.desc.user.name, limits, number(r.AverageKBps()), number(fair[i])});
         total += r.AverageKBps();
     }
     table.AddRow({"all", "group limit", number(total), number(static_cast<double>(kGroupLimitKBps))});
@@ -223,7 +223,7 @@ void PrintSummaryJson(const std::vector<Runner> &runners, double seconds)
         .BeginArray();
     for (size_t i = 0; i < runners.size(); ++i) {
         json.BeginObject()
-            .Field("user", runners[i].spec.user.name)
+            .Field("user", runners[i].desc.user.name)
             .Field("own_limit_kbps", runners[i].ownLimitKBps)
             .Field("average_kbps", runners[i].AverageKBps())
             .Field("fair_kbps", fair[i])
@@ -237,7 +237,7 @@ void StopAll(std::vector<Runner> &runners)
 {
     for (Runner &r : runners) {
         if (r.pid > 0) {
-            StopSimulator(r.spec, r.pid);
+            StopSimulator(r.desc, r.pid);
             r.pid = -1;
         }
     }
@@ -255,7 +255,7 @@ void RunScenario(int seconds, bool json)
     CatchStopSignals();
     const int64_t start = NowUs();
     for (Runner &r : runners) {
-        r.pid = StartSimulator(r.spec, kibibytes);
+        r.pid = StartSimulator(r.desc, kibibytes);
     }
     LiveView view(IsTerminal(STDOUT_FILENO));
     const int kSampleMs = 100;

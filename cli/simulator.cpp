@@ -15,23 +15,23 @@
 namespace cli {
 namespace {
 
-[[noreturn]] void RunSimulatorChild(const TransferSpec &spec, size_t kibibytes)
+[[noreturn]] void RunSimulatorChild(const TransferSpec &desc, size_t kibibytes)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGINT, SIG_IGN);  // Ctrl-C is the parent's: it ends the child and removes its entries
     signal(SIGTERM, SIG_DFL);
-    int result = VESKBandwidthSimulate(spec.user.name.c_str(), spec.protocol, spec.direction, kibibytes);
+    int result = VESKBandwidthSimulate(desc.user.name.c_str(), desc.protocol, desc.direction, kibibytes);
     if (result != 0) {
         std::string why = VLIBCErrGet() == BW_ERR_DEACTIVATED ? "the transfer was deactivated"
                                                               : "the simulation failed (" + LibraryErrorText() + ")";
-        std::fprintf(stderr, "veskbandwidth: simulation of user %s: %s\n", spec.user.name.c_str(), why.c_str());
+        std::fprintf(stderr, "veskbandwidth: simulation of user %s: %s\n", desc.user.name.c_str(), why.c_str());
     }
     _exit(result == 0 ? 0 : 1);
 }
 
 }  // namespace
 
-pid_t StartSimulator(const TransferSpec &spec, size_t kibibytes)
+pid_t StartSimulator(const TransferSpec &desc, size_t kibibytes)
 {
     std::fflush(nullptr);
     pid_t child = fork();
@@ -39,15 +39,15 @@ pid_t StartSimulator(const TransferSpec &spec, size_t kibibytes)
         throw Error(std::string("cannot start a simulation: ") + std::strerror(errno), 1);
     }
     if (child == 0) {
-        RunSimulatorChild(spec, kibibytes);
+        RunSimulatorChild(desc, kibibytes);
     }
     return child;
 }
 
-bool ReadSimulatorStatus(const TransferSpec &spec, pid_t pid, VESK_BANDWIDTH_STATUS *status)
+bool ReadSimulatorStatus(const TransferSpec &desc, pid_t pid, VESK_BANDWIDTH_STATUS *status)
 {
-    for (const Transfer &t : TransfersOfPid(spec.user.id, pid)) {
-        if (t.status.transfer_type == spec.direction) {
+    for (const Transfer &t : TransfersOfPid(desc.user.id, pid)) {
+        if (t.status.transfer_type == desc.direction) {
             *status = t.status;
             return true;
         }
@@ -55,13 +55,13 @@ bool ReadSimulatorStatus(const TransferSpec &spec, pid_t pid, VESK_BANDWIDTH_STA
     return false;
 }
 
-void StopSimulator(const TransferSpec &spec, pid_t pid)
+void StopSimulator(const TransferSpec &desc, pid_t pid)
 {
     kill(pid, SIGKILL);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
     // Killed, it cannot save again: what is removed now stays removed.
-    if (VESKBandwidthStatusForceRemoveAllByUserName(spec.user.name.c_str(), static_cast<unsigned>(spec.direction),
+    if (VESKBandwidthStatusForceRemoveAllByUserName(desc.user.name.c_str(), static_cast<unsigned>(desc.direction),
                                                     pid) != 0) {
         FailLibrary("cannot remove the entries of the simulation " + std::to_string(pid));
     }

@@ -183,9 +183,9 @@ TEST_F(ConfStore, MalformedStoredValues)
 
 TEST_F(ConfStore, GlobalRecordDefaults)
 {
-    vbw::GlobalSpec spec;
-    spec.state = VESK_BW_STATE_NOTEXISTED;
-    VESK_BANDWIDTH_GLOBAL_CONF expected = vbw::GlobalConf(VESK_BW_PROTOCOL_FTP, spec), conf;
+    vbw::GlobalSpec settings;
+    settings.state = VESK_BW_STATE_NOTEXISTED;
+    VESK_BANDWIDTH_GLOBAL_CONF expected = vbw::GlobalConf(VESK_BW_PROTOCOL_FTP, settings), conf;
     expected.iCurState = VESK_BW_STATE_DISABLED;
     memset(&conf, 0xAB, sizeof(conf));
     ASSERT_EQ(0, VESKBandwidthGlobalConfGet(VESK_BW_PROTOCOL_FTP, &conf));
@@ -218,13 +218,13 @@ TEST_F(ConfStore, GlobalRecordDefaults)
 
 TEST_F(ConfStore, GlobalStoreSignalsOncePerSuccessfulStore)
 {
-    vbw::GlobalSpec spec;
-    spec.state = VESK_BW_STATE_NOTEXISTED;
-    spec.userGroup = VESK_BW_POLICY_SUM;
-    spec.interGroup = VESK_BW_POLICY_MIN;
-    spec.occupy = VESK_BW_OCCUPY_WEIGHTED;
-    spec.plan = "0101";
-    VESK_BANDWIDTH_GLOBAL_CONF conf = vbw::GlobalConf(VESK_BW_PROTOCOL_WEBDAV, spec), read;
+    vbw::GlobalSpec settings;
+    settings.state = VESK_BW_STATE_NOTEXISTED;
+    settings.userGroup = VESK_BW_POLICY_SUM;
+    settings.interGroup = VESK_BW_POLICY_MIN;
+    settings.occupy = VESK_BW_OCCUPY_WEIGHTED;
+    settings.plan = "0101";
+    VESK_BANDWIDTH_GLOBAL_CONF conf = vbw::GlobalConf(VESK_BW_PROTOCOL_WEBDAV, settings), read;
     ASSERT_EQ(0, VESKBandwidthGlobalConfSet(&conf)) << log.Dump();
     EXPECT_EQ(VESK_BW_STATE_DISABLED, conf.iState) << "NotExisted is stored as disabled";
     EXPECT_EQ(1, Hangups());

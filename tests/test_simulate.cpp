@@ -69,10 +69,10 @@ protected:
     // occupying it.
     void LimitUsersGroup(uint64_t downKBps)
     {
-        GlobalSpec spec;
-        spec.userGroup = VESK_BW_POLICY_GROUP_ONLY;
-        spec.occupy = VESK_BW_OCCUPY_ALL;
-        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, spec));
+        GlobalSpec settings;
+        settings.userGroup = VESK_BW_POLICY_GROUP_ONLY;
+        settings.occupy = VESK_BW_OCCUPY_ALL;
+        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, settings));
         ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, downKBps));
     }
 

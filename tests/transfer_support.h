@@ -24,9 +24,9 @@
 
 namespace vbw {
 
-inline void StoreGlobal(int protocol, const GlobalSpec &spec)
+inline void StoreGlobal(int protocol, const GlobalSpec &settings)
 {
-    VESK_BANDWIDTH_GLOBAL_CONF conf = GlobalConf(protocol, spec);
+    VESK_BANDWIDTH_GLOBAL_CONF conf = GlobalConf(protocol, settings);
     ASSERT_EQ(0, VESKBandwidthGlobalConfSet(&conf));
 }
 

@@ -123,16 +123,16 @@ std::string Text(const VESK_BANDWIDTH_CONF &conf)
     return out.str() + " plan " + std::string(conf.szSchedulePlan, strnlen(conf.szSchedulePlan, sizeof(conf.szSchedulePlan)));
 }
 
-VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSpec &spec)
+VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSpec &settings)
 {
     VESK_BANDWIDTH_GLOBAL_CONF conf;
     memset(&conf, 0, sizeof(conf));
-    conf.iState = (VESK_BW_LIMIT_STATE)spec.state;
+    conf.iState = (VESK_BW_LIMIT_STATE)settings.state;
     conf.iProtocol = (VESK_BW_PROTOCOL_TYPE)protocol;
-    conf.iUserGroupPolicy = (VESK_BW_GROUP_POLICY)spec.userGroup;
-    conf.iInterGroupPolicy = (VESK_BW_GROUP_POLICY)spec.interGroup;
-    conf.iOccupyPolicy = (VESK_BW_OCCUPY_POLICY)spec.occupy;
-    snprintf(conf.szSchedulePlan, sizeof(conf.szSchedulePlan), "%s", spec.plan.c_str());
+    conf.iUserGroupPolicy = (VESK_BW_GROUP_POLICY)settings.userGroup;
+    conf.iInterGroupPolicy = (VESK_BW_GROUP_POLICY)settings.interGroup;
+    conf.iOccupyPolicy = (VESK_BW_OCCUPY_POLICY)settings.occupy;
+    snprintf(conf.szSchedulePlan, sizeof(conf.szSchedulePlan), "%s", settings.plan.c_str());
     return conf;
 }
 

@@ -41,7 +41,7 @@ struct GlobalSpec {
     int occupy = VESK_BW_OCCUPY_MAX;
     std::string plan;
 };
-VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSpec &spec = GlobalSpec());
+VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSpec &settings = GlobalSpec());
 
 // Alice's active ftp download by pid, saved now, of the file "/share/f<pid>".
 VESK_BANDWIDTH_STATUS Status(pid_t pid, uint64_t current = 1000, uint64_t expect = 2000);
