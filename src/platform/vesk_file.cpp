@@ -368,13 +368,18 @@ int64_t Nanoseconds(const struct timespec &ts)
 // after that moment carries a later time.  File times come from a clock that
 // lags by up to a tick (ms) and may be cut to whole seconds by the file
 // system; a file changed more recently is compared by content instead.
+bool HasFineTimes(const struct stat &st)
+{
+    return st.st_mtim.tv_nsec != 0 || st.st_ctim.tv_nsec != 0;
+}
+
 bool IsSettled(const struct stat &st)
 {
     const int64_t kFineMargin = 50 * 1000000LL;
     const int64_t kCoarseMargin = 2 * 1000000000LL;
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    bool blFine = st.st_mtim.tv_nsec != 0 || st.st_ctim.tv_nsec != 0;
+    bool blFine = HasFineTimes(st);
     int64_t newest = std::max(Nanoseconds(st.st_mtim), Nanoseconds(st.st_ctim));
     return Nanoseconds(now) - newest > (blFine ? kFineMargin : kCoarseMargin);
 }
@@ -382,7 +387,13 @@ bool IsSettled(const struct stat &st)
 // The last parsed files of this process, by path, most recently used first.
 // An entry is used only when a fresh stat of the path gives the same stamp
 // (device, inode, size, change times) and the stamp is settled, or when the
-// content read now is the cached content; a rewrite by rename gives a new
+// content read now is the cached content.  Readers of a file with fine-grained
+// times also take an unsettled entry whose stamp matches: the only version it
+// can be mistaken for was written within the same clock tick, so a reader sees
+// at worst the file as it was one tick earlier, as if it had read a moment
+// sooner, while the status files that change on every chunk are still parsed
+// once per change instead of once per section read.  Writers always rewrite
+// the exact current content; a rewrite by rename gives a new
 // inode, an append a new size and time.  Bounded: at most kMaxEntries files,
 // and kMaxBytes of content besides the file read last.  A mutex guards it,
 // although the library calls it from one thread at a time.
@@ -402,7 +413,8 @@ public:
         try {
             std::lock_guard<std::mutex> lock(mutex_);
             size_t i = IndexOf(szPath);
-            if (i < entries_.size() && entries_[i].settled && entries_[i].stamp == FileStamp(st)) {
+            bool blTrusted = i < entries_.size() && (entries_[i].settled || (!blWriter && HasFineTimes(st)));
+            if (blTrusted && entries_[i].stamp == FileStamp(st)) {
                 *pMode = st.st_mode;
                 return Promote(i).file;
             }
