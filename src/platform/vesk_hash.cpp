@@ -23,21 +23,54 @@ static const int kMaxReserve = 64;
 
 struct _VLIBC_SZHASH {
     std::deque<std::pair<std::string, std::string>> pairs;
+    // Built only once the hash outgrows kLinearMax pairs: a status or limit
+    // section holds about a dozen, and comparing that many keys is cheaper
+    // than hashing one and allocating an index node per pair.
     std::unordered_map<std::string_view, size_t> index;
+    static const size_t kLinearMax = 16;
+
+    // The position of the key, or pairs.size() when it is absent.
+    size_t Find(std::string_view key) const
+    {
+        if (index.empty()) {
+            size_t i = 0;
+            while (i < pairs.size() && pairs[i].first != key) {
+                ++i;
+            }
+            return i;
+        }
+        auto found = index.find(key);
+        return found == index.end() ? pairs.size() : found->second;
+    }
 
     void Set(const char *szKey, const char *szValue)
     {
-        auto found = index.find(szKey);
-        if (found != index.end()) {
-            pairs[found->second].second.assign(szValue);
+        size_t i = Find(szKey);
+        if (i < pairs.size()) {
+            pairs[i].second.assign(szValue);
             return;
         }
         pairs.emplace_back(szKey, szValue);
         try {
-            index.emplace(pairs.back().first, pairs.size() - 1);
+            if (!index.empty()) {
+                index.emplace(pairs.back().first, pairs.size() - 1);
+            } else if (pairs.size() > kLinearMax) {
+                BuildIndex();
+            }
         } catch (...) {
+            if (pairs.size() == kLinearMax + 1) {
+                index.clear();  // a partly built index: back to comparing keys
+            }
             pairs.pop_back();
             throw;
+        }
+    }
+
+    void BuildIndex()
+    {
+        index.reserve(pairs.size() * 2);
+        for (size_t i = 0; i < pairs.size(); ++i) {
+            index.emplace(pairs[i].first, i);
         }
     }
 };
@@ -76,7 +109,8 @@ bool InRange(int i, size_t count)
 
 VLIBC_SZHASH *VLIBCSzHashAlloc(int iSize)
 {
-    return NewHandle<VLIBC_SZHASH>(iSize, [](VLIBC_SZHASH *p, size_t n) { p->index.reserve(n); });
+    // The index is built when needed, so there is nothing to reserve.
+    return NewHandle<VLIBC_SZHASH>(iSize, [](VLIBC_SZHASH *, size_t) {});
 }
 
 void VLIBCSzHashFree(VLIBC_SZHASH *pHash)
@@ -106,8 +140,8 @@ const char *VLIBCSzHashGetValue(const VLIBC_SZHASH *pHash, const char *szKey)
     if (pHash == nullptr || szKey == nullptr) {
         return nullptr;
     }
-    auto found = pHash->index.find(szKey);
-    return found == pHash->index.end() ? nullptr : pHash->pairs[found->second].second.c_str();
+    size_t i = pHash->Find(szKey);
+    return i < pHash->pairs.size() ? pHash->pairs[i].second.c_str() : nullptr;
 }
 
 int VLIBCHashRemoveAll(VLIBC_SZHASH *pHash)

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "status/bandwidth_status_file.h"
@@ -88,10 +89,15 @@ int VESKBandwidthStatusAddSection(const char *szFile, const char *szSection, con
         return -1;
     }
     /* Reading starts at the beginning, every write goes to the end. */
+    vesk_status::StreamBuffer buffer;
     FilePtr fp = vesk_status::OpenNoFollow(szFile, O_RDWR | O_CREAT | O_APPEND, 0666, "a+");
     if (!fp) {
         VESK_ERR_SET(BW_ERR_FILE_OPEN);
         return -1;
+    }
+    struct stat st;
+    if (0 == fstat(fileno(fp.get()), &st)) {
+        buffer.Attach(fp.get(), st.st_size);
     }
     SectionScan scan = ScanForSection(fp.get(), szSection);
     if (SCAN_PRESENT == scan) {

@@ -11,7 +11,10 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
+#include <new>
 
 #include "common/bandwidth_handles.h"
 
@@ -49,6 +52,28 @@ public:
 private:
     char *szLine_ = NULL;
     size_t cbAlloc_ = 0;
+};
+
+/* A stdio buffer that holds a whole status file (up to a bound), so that the
+ * file is read, or its copy written, in one system call instead of one per
+ * 4 KiB.  It must outlive the stream it serves: declare it before the stream. */
+class StreamBuffer {
+public:
+    /* Gives fp, before its first read or write, a buffer for a file of cbFile
+     * bytes; without the memory the stream keeps its own. */
+    void Attach(FILE *fp, off_t cbFile)
+    {
+        uint64_t cbWanted = std::min<uint64_t>(static_cast<uint64_t>(std::max<off_t>(cbFile, 0)), kMaxBytes) + 1;
+        size_t cb = static_cast<size_t>(std::max<uint64_t>(cbWanted, BUFSIZ));
+        buffer_.reset(new (std::nothrow) char[cb]);
+        if (buffer_) {
+            setvbuf(fp, buffer_.get(), _IOFBF, cb);
+        }
+    }
+
+private:
+    static constexpr uint64_t kMaxBytes = 1024 * 1024;
+    std::unique_ptr<char[]> buffer_;
 };
 
 }  // namespace vesk_status

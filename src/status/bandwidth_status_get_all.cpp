@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "status/bandwidth_status_path.h"
+#include "status/bandwidth_status_scan.h"
 #include "veskbandwidth.h"
 #include "vesk_file.h"
 #include "vesk_log.h"
@@ -39,21 +40,44 @@ struct SectionNames {
     ~SectionNames() { VLIBCSzListFree(p); }
 };
 
-/* The list being built, newest record at the head; freed unless handed over. */
-class StatusList {
+/* The enumeration's list: a copy of every record handed in, newest at the
+ * head; freed unless handed over. */
+class StatusList : public vesk_status::StatusVisitor {
 public:
-    StatusList() = default;
+    explicit StatusList(bool blMerge) : blMerge_(blMerge) {}
     StatusList(const StatusList &) = delete;
     StatusList &operator=(const StatusList &) = delete;
     ~StatusList() { VESKBandwidthStatusListFree(&pHead_); }
 
-    void Push(StatusPtr status)
+    int Visit(const char *szSection, const VESK_BANDWIDTH_STATUS &status) override
     {
-        status->pNext = pHead_;
-        pHead_ = status.release();
+        if (blMerge_ && MergeInto(status)) {
+            return 0;
+        }
+        StatusPtr copy((VESK_BANDWIDTH_STATUS *)malloc(sizeof(VESK_BANDWIDTH_STATUS)));
+        if (!copy) {
+            VESK_LOG("malloc VESK_BANDWIDTH_STATUS failed. key:[%s]", szSection);
+            VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+            return -1;
+        }
+        *copy = status;
+        copy->pNext = pHead_;
+        pHead_ = copy.release();
         ++iCount_;
+        return 0;
     }
 
+    /* The count; the head goes to the caller only when the list is not empty. */
+    int HandOver(VESK_BANDWIDTH_STATUS **ppList)
+    {
+        if (iCount_ > 0) {
+            *ppList = pHead_;
+            pHead_ = NULL;
+        }
+        return iCount_;
+    }
+
+private:
     /* Adds the speeds of `status` to the record of the same protocol and
      * direction; false when the list has none. */
     bool MergeInto(const VESK_BANDWIDTH_STATUS &status)
@@ -68,17 +92,7 @@ public:
         return false;
     }
 
-    /* The count; the head goes to the caller only when the list is not empty. */
-    int HandOver(VESK_BANDWIDTH_STATUS **ppList)
-    {
-        if (iCount_ > 0) {
-            *ppList = pHead_;
-            pHead_ = NULL;
-        }
-        return iCount_;
-    }
-
-private:
+    bool blMerge_;
     VESK_BANDWIDTH_STATUS *pHead_ = NULL;
     int iCount_ = 0;
 };
@@ -89,13 +103,13 @@ struct StatusScan {
     int64_t llStaleBefore; /* timestamps below this are stale */
     int protocol_type;
     unsigned int transfer_type;
-    bool blMerge;
-    BwHash &hash; /* reused for every section */
-    StatusList list;
+    vesk_status::StatusVisitor &visitor;
+    BwHash &hash;                  /* reused for every section */
+    VESK_BANDWIDTH_STATUS &record; /* likewise */
     SectionNames stale{BW_STALE_REMOVALS_MAX}; /* to remove after the pass */
 
-    /* Takes section szSection into the list, or drops it; -1 only when a
-     * record cannot be allocated. */
+    /* Hands section szSection to the visitor, or drops it; -1 when the
+     * visitor fails. */
     int Take(const char *szSection)
     {
         VLIBCHashRemoveAll(hash.Get());
@@ -103,21 +117,16 @@ struct StatusScan {
             VESK_LOG("Get section [%s] from [%s] failed. [0x%04X %s:%d]", szSection, szFile, VESK_ERR_ARGS);
             return 0;
         }
-        StatusPtr status((VESK_BANDWIDTH_STATUS *)calloc(1, sizeof(VESK_BANDWIDTH_STATUS)));
-        if (!status) {
-            VESK_LOG("malloc VESK_BANDWIDTH_STATUS failed. key:[%s]", szSection);
-            VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-            return -1;
-        }
-        if (VESKBandwidthInitStatusFromHash(status.get(), hash.Get()) < 0) {
+        memset(&record, 0, sizeof(record));
+        if (VESKBandwidthInitStatusFromHash(&record, hash.Get()) < 0) {
             VESK_LOG("Init status from hash failed. [0x%04X %s:%d]", VESK_ERR_ARGS);
             return 0;
         }
         /* Stale sections go whatever their protocol or direction. */
-        if (status->timestamp < llStaleBefore) {
+        if (record.timestamp < llStaleBefore) {
             MarkStale(szSection);
-        } else if (Matches(*status) && !(blMerge && list.MergeInto(*status))) {
-            list.Push(std::move(status));
+        } else if (Matches(record)) {
+            return visitor.Visit(szSection, record);
         }
         return 0;
     }
@@ -175,11 +184,21 @@ int VESKBandwidthStatusGetAll(int owner_type, unsigned int id, int protocol_type
 int VESKBandwidthIStatusGetAll(const char *szStatusFile, int protocol_type, unsigned int transfer_type,
                                VESK_BANDWIDTH_STATUS **pStatusList, int blMerge)
 {
-    time_t now = time(NULL);
-
     if (!VESK_ARG_OK(((void *)0) != szStatusFile) || !VESK_ARG_OK(NULL != pStatusList)) {
         return -1;
     }
+    StatusList list(1 == blMerge);
+    if (vesk_status::ScanStatusFile(szStatusFile, protocol_type, transfer_type, list) < 0) {
+        return -1;
+    }
+    return list.HandOver(pStatusList);
+}
+
+int vesk_status::ScanStatusFile(const char *szStatusFile, int protocol_type, unsigned int transfer_type,
+                                StatusVisitor &visitor)
+{
+    time_t now = time(NULL);
+
     if (NULL != strchr(szStatusFile, '.')) {
         CollectTempFile(szStatusFile, now);
         return 0;
@@ -199,8 +218,9 @@ int VESKBandwidthIStatusGetAll(const char *szStatusFile, int protocol_type, unsi
     if (!hash) {
         return -1;
     }
-    StatusScan scan{szStatusFile, (int64_t)now - BW_STATUS_FRESH_SECONDS, protocol_type, transfer_type,
-                    1 == blMerge, hash, {}};
+    VESK_BANDWIDTH_STATUS record;
+    StatusScan scan{szStatusFile, (int64_t)now - BW_STATUS_FRESH_SECONDS, protocol_type, transfer_type, visitor,
+                    hash, record};
     const char *szSection;
     for (int i = 0; NULL != (szSection = VLIBCSzListGet(sections.p, i)); ++i) {
         if (scan.Take(szSection) < 0) {
@@ -208,7 +228,7 @@ int VESKBandwidthIStatusGetAll(const char *szStatusFile, int protocol_type, unsi
         }
     }
     scan.RemoveStale();
-    return scan.list.HandOver(pStatusList);
+    return 0;
 }
 
 void VESKBandwidthStatusListFree(VESK_BANDWIDTH_STATUS **ppList)

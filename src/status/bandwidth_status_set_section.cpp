@@ -35,9 +35,9 @@ public:
         }
     }
 
-    /* Creates it with the file-creation mask `mask`; false with
-     * BW_ERR_FILE_OPEN set on failure. */
-    bool Create(const char *szFile, mode_t mask)
+    /* Creates it, for a copy of about cbFile bytes, with the file-creation
+     * mask `mask`; false with BW_ERR_FILE_OPEN set on failure. */
+    bool Create(const char *szFile, off_t cbFile, mode_t mask)
     {
         int cbPath = snprintf(szPath_, sizeof(szPath_), "%s.XXXXXX", szFile);
         if (cbPath < 0 || (size_t)cbPath >= sizeof(szPath_)) {
@@ -57,6 +57,7 @@ public:
             VESK_ERR_SET(BW_ERR_FILE_OPEN);
             return false;
         }
+        buffer_.Attach(Stream(), cbFile);
         return true;
     }
 
@@ -85,6 +86,7 @@ public:
 private:
     char szPath_[4096] = {0};
     bool blCreated_ = false;
+    vesk_status::StreamBuffer buffer_;
     FilePtr stream_;
 };
 
@@ -147,6 +149,7 @@ int StatusFileRewrite(const char *szFile, const char *szSection, const VLIBC_SZH
     if (!VESK_ARG_OK(((void *)0) != szFile) || !VESK_ARG_OK(NULL != szSection)) {
         return -1;
     }
+    vesk_status::StreamBuffer inBuffer;
     FilePtr in = vesk_status::OpenNoFollow(szFile, O_RDONLY, 0, "r");
     if (!in) {
         VESK_ERR_SET(BW_ERR_FILE_OPEN);
@@ -165,8 +168,9 @@ int StatusFileRewrite(const char *szFile, const char *szSection, const VLIBC_SZH
     /* With the file's own bits as mask the temporary file starts without the
      * permissions the file grants, until it is complete. */
     mode_t mode = st.st_mode & 07777;
+    inBuffer.Attach(in.get(), st.st_size);
     TempFile temp;
-    if (!temp.Create(szFile, mode)) {
+    if (!temp.Create(szFile, st.st_size, mode)) {
         return -1;
     }
     int iFound = CopyWithSection(in.get(), temp.Stream(), szSection, pHash, iMode);

@@ -2,6 +2,12 @@
  * among the users transferring under it and, within the user's part, among
  * the user's transfers; but a transfer may also take whatever the others,
  * by their last saved speeds, leave unused. */
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "status/bandwidth_status_path.h"
+#include "status/bandwidth_status_scan.h"
 #include "veskbandwidth.h"
 #include "vesk_log.h"
 
@@ -9,39 +15,63 @@
 
 namespace {
 
-/* True when an entry before pEntry in the list belongs to the same user. */
-bool UserSeenBefore(const VESK_BANDWIDTH_STATUS *pList, const VESK_BANDWIDTH_STATUS *pEntry)
-{
-    for (const VESK_BANDWIDTH_STATUS *p = pList; p != pEntry; p = p->pNext) {
-        if (p->uid == pEntry->uid) {
-            return true;
-        }
-    }
-    return false;
-}
+/* Shares the limit among the transfers of its status file, the caller's own
+ * process and inactive transfers left out.  The records come in file order,
+ * one at a time, so that a pass allocates nothing per transfer.  The
+ * enumeration lists the newest section first, and another user counts by the
+ * first of its entries in that list: the last one in the file. */
+class LimitShare : public vesk_status::StatusVisitor {
+public:
+    LimitShare(uint64_t ullLimit, uid_t uid, pid_t pid) : ullLimit_(ullLimit), ullLeft_(ullLimit), uid_(uid), pid_(pid) {}
 
-/* Shares the limit ullLimit among the transfers listed, the caller's own
- * process and inactive transfers left out. */
-uint64_t LimitShare(uint64_t ullLimit, const VESK_BANDWIDTH_STATUS *pList, uid_t uid, pid_t pid)
-{
-    uint64_t ullTransfers = 1;  /* of this user, this one included */
-    uint64_t ullUsers = 1;      /* this user included */
-    uint64_t ullLeft = ullLimit;
-
-    for (const VESK_BANDWIDTH_STATUS *p = pList; NULL != p; p = p->pNext) {
-        if (0 == p->active || pid == p->pid) {
-            continue;
+    int Visit(const char *, const VESK_BANDWIDTH_STATUS &status) override
+    {
+        bool blCounts = 0 != status.active && pid_ != status.pid;
+        if (blCounts) {
+            ullLeft_ = (status.current_speed > ullLeft_) ? 0 : ullLeft_ - status.current_speed;
+            if (uid_ == status.uid) {
+                ullTransfers_++;
+            }
         }
-        if (uid == p->uid) {
-            ullTransfers++;
-        } else if (!UserSeenBefore(pList, p)) {
-            ullUsers++;
-        }
-        ullLeft = (p->current_speed > ullLeft) ? 0 : ullLeft - p->current_speed;
+        return (uid_ == status.uid) ? 0 : NoteOtherUser(status.uid, blCounts);
     }
-    uint64_t ullFair = ullLimit / (ullTransfers * ullUsers);
-    return (ullLeft > ullFair) ? ullLeft : ullFair;
-}
+
+    uint64_t Share() const
+    {
+        uint64_t ullUsers = 1; /* this user included */
+        for (const auto &user : otherUsers_) {
+            ullUsers += user.second ? 1 : 0;
+        }
+        uint64_t ullFair = ullLimit_ / (ullTransfers_ * ullUsers);
+        return (ullLeft_ > ullFair) ? ullLeft_ : ullFair;
+    }
+
+private:
+    /* Whether another user counts is decided by its latest entry. */
+    int NoteOtherUser(uid_t uid, bool blCounts)
+    {
+        for (auto &user : otherUsers_) {
+            if (user.first == uid) {
+                user.second = blCounts;
+                return 0;
+            }
+        }
+        try {
+            otherUsers_.emplace_back(uid, blCounts);
+        } catch (const std::bad_alloc &) {
+            VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
+            return -1;
+        }
+        return 0;
+    }
+
+    uint64_t ullLimit_;
+    uint64_t ullLeft_;
+    uint64_t ullTransfers_ = 1; /* of this user, this one included */
+    uid_t uid_;
+    pid_t pid_;
+    std::vector<std::pair<uid_t, bool>> otherUsers_;
+};
 
 }  // namespace
 
@@ -57,13 +87,13 @@ int VESKBandwidthExpectSpeedEstimate(uid_t uid, const VESK_BANDWIDTH_LIMIT *pCon
         *pMaxSpeedBps = 0;
         return 0;
     }
-    VESK_BANDWIDTH_STATUS *pList = NULL;
-    if (VESKBandwidthStatusGetAll(pConf->iOwnerType, pConf->id, pConf->iProtocol, transfer_type, &pList) < 0) {
+    char szPath[BW_STATUS_PATH_SIZE] = {0};
+    LimitShare share(ullLimit, uid, pid);
+    if (BW_STATUS_FILE_PATH(pConf->iOwnerType, pConf->id, szPath) < 0 ||
+        vesk_status::ScanStatusFile(szPath, pConf->iProtocol, transfer_type, share) < 0) {
         VESK_LOG("VESKBandwidthStatusGetAll failed. id:[%u] [0x%04X %s:%d]", pConf->id, VESK_ERR_ARGS);
-        VESKBandwidthStatusListFree(&pList);
         return -1;
     }
-    *pMaxSpeedBps = LimitShare(ullLimit, pList, uid, pid);
-    VESKBandwidthStatusListFree(&pList);
+    *pMaxSpeedBps = share.Share();
     return 0;
 }
