@@ -19,13 +19,14 @@
 
 namespace {
 
+using vbw::Has;
+
 const std::string kTool = VBW_BINARY_DIR "/veskbandwidth";
 const char kFtpConf[] = "/usr/vesk/etc/bandwidth/bandwidth.ftp.conf";
 const char kGlobalConf[] = "/usr/vesk/etc/bandwidth/bandwidth.global.conf";
 
-// A small strict JSON reader: enough to check that output is valid JSON and
-// to read its fields.  Strings keep their text, numbers their value; true,
-// false and null are kept as text.
+// A value of a small strict JSON reader: strings (and true, false, null)
+// keep their text, numbers their value.
 struct Json {
     std::string text;
     double number = 0;
@@ -47,38 +48,26 @@ public:
     bool Read(Json *out) { return Value(out) && Skip() == s_.size(); }
 
 private:
-    size_t Skip()
-    {
-        while (i_ < s_.size() && std::strchr(" \t\r\n", s_[i_]) != nullptr) {
-            ++i_;
-        }
-        return i_;
-    }
+    size_t Skip() { return i_ = std::min(s_.find_first_not_of(" \t\r\n", i_), s_.size()); }
     bool Eat(char c) { return Skip() < s_.size() && s_[i_] == c && ++i_ > 0; }
     bool String(std::string *out)
     {
         static const char from[] = "\"\\/bfnrtu", to[] = "\"\\/\b\f\n\r\t";
-        if (!Eat('"')) {
-            return false;
-        }
-        while (i_ < s_.size() && s_[i_] != '"') {
+        bool ok = Eat('"');
+        while (ok && i_ < s_.size() && s_[i_] != '"') {
             char c = s_[i_++];
             const char *escape = c == '\\' && i_ < s_.size() ? std::strchr(from, s_[i_++]) : nullptr;
-            if (static_cast<unsigned char>(c) < 0x20 || (c == '\\' && (escape == nullptr || *escape == '\0'))) {
-                return false;
-            }
-            if (escape != nullptr && *escape == 'u') {  // the tool writes \\u00XX for control characters
-                if (i_ + 4 > s_.size()) {
-                    return false;
-                }
-                c = static_cast<char>(std::stoul(s_.substr(i_, 4), nullptr, 16));
+            ok = static_cast<unsigned char>(c) >= 0x20 && (c != '\\' || (escape != nullptr && *escape != '\0'));
+            if (ok && escape != nullptr && *escape == 'u') {  // the tool writes \u00XX for control characters
+                ok = i_ + 4 <= s_.size();
+                c = ok ? static_cast<char>(std::stoul(s_.substr(i_, 4), nullptr, 16)) : c;
                 i_ += 4;
             } else if (escape != nullptr) {
                 c = to[escape - from];
             }
             *out += c;
         }
-        return i_++ < s_.size();
+        return ok && i_++ < s_.size();
     }
     template <typename Item> bool Sequence(char close, Item item)
     {
@@ -101,10 +90,7 @@ private:
             });
         }
         if (Eat('[')) {
-            return Sequence(']', [&] {
-                out->items.emplace_back();
-                return Value(&out->items.back());
-            });
+            return Sequence(']', [&] { return out->items.emplace_back(), Value(&out->items.back()); });
         }
         if (Skip() < s_.size() && s_[i_] == '"') {
             return String(&out->text);
@@ -116,11 +102,11 @@ private:
                 return true;
             }
         }
-        const char *start = s_.c_str() + i_;
         char *end = nullptr;
-        out->number = std::strtod(start, &end);
-        i_ += static_cast<size_t>(end - start);
-        return end != start;
+        out->number = std::strtod(s_.c_str() + i_, &end);
+        size_t start = i_;
+        i_ = static_cast<size_t>(end - s_.c_str());
+        return i_ != start;
     }
 
     const std::string &s_;
@@ -133,9 +119,6 @@ Json ParseJson(const std::string &text)
     EXPECT_TRUE(JsonReader(text).Read(&value)) << "not valid JSON: " << text;
     return value;
 }
-
-// ---------------------------------------------------------------------------
-// Running the tool.
 
 struct Result {
     int status = -1;
@@ -228,6 +211,16 @@ Json WaitForTransfers(size_t count, const std::string &filter = "")
     return transfers;
 }
 
+// A week plan: `day(d)` gives the 24 hour characters of day d (0 is Sunday).
+template <typename Day> std::string Week(Day day)
+{
+    std::string plan;
+    for (int d = 0; d < 7; ++d) {
+        plan += day(d);
+    }
+    return plan;
+}
+
 class CliTest : public vbw::SandboxTest {
 protected:
     // Limiting on for ftp, and a download limit of the given user.
@@ -245,35 +238,18 @@ protected:
     }
 };
 
-// A week plan: `day(d)` gives the 24 hour characters of day d (0 is Sunday).
-template <typename Day> std::string Week(Day day)
-{
-    std::string plan;
-    for (int d = 0; d < 7; ++d) {
-        plan += day(d);
-    }
-    return plan;
-}
-
-// ---------------------------------------------------------------------------
-
 TEST_F(CliTest, HelpDescribesEveryCommand)
 {
     Result overview = Tool("--help");
     EXPECT_EQ(0, overview.status);
     for (const char *command : {"limit set", "limit show", "global set", "global show", "status", "preview",
                                 "deactivate", "remove", "reload", "simulate", "copy", "demo"}) {
-        EXPECT_NE(std::string::npos, overview.out.find(std::string("  ") + command)) << command;
+        EXPECT_TRUE(Has(overview.out, std::string("  ") + command)) << command;
         Result help = Tool(std::string(command) + " --help");
         EXPECT_EQ(0, help.status) << command;
         EXPECT_EQ(0u, help.out.find(std::string("usage: veskbandwidth ") + command)) << help.out;
     }
-    EXPECT_NE(std::string::npos, Tool("limit set --help").out.find("mon-fri 09-18=custom"));
-
-    Result unknown = Tool("frobnicate");
-    EXPECT_EQ(2, unknown.status);
-    EXPECT_NE(std::string::npos, unknown.err.find("unknown command 'frobnicate'"));
-    EXPECT_EQ(2, Tool("limit").status);
+    EXPECT_TRUE(Has(Tool("limit set --help").out, "mon-fri 09-18=custom"));
 }
 
 TEST_F(CliTest, LimitSetStoresWhatLimitShowReads)
@@ -284,15 +260,6 @@ TEST_F(CliTest, LimitSetStoresWhatLimitShowReads)
     const std::string plan = Week([](int d) {
         return d == 0 || d == 6 ? std::string(24, '0') : std::string(9, '1') + std::string(9, '2') + std::string(6, '1');
     });
-    // What the library reads back is what the tool stored.
-    VESK_BANDWIDTH_CONF conf = {};
-    ASSERT_EQ(0, VESKBandwidthConfGetByID(VESK_BW_OWNER_USER, 1026, VESK_BW_PROTOCOL_FTP, &conf));
-    EXPECT_EQ(VESK_BW_STATE_SCHEDULE, conf.iState);
-    EXPECT_EQ(512u, conf.ullRate[VESK_BW_TRANSFER_UPLOAD]);
-    EXPECT_EQ(1024u, conf.ullRate[VESK_BW_TRANSFER_DOWNLOAD]);
-    EXPECT_EQ(100u, conf.ullCustomRate[VESK_BW_TRANSFER_DOWNLOAD]);
-    EXPECT_EQ(plan, conf.szSchedulePlan);
-
     // A later set changes only what it names; a group is named by its gid.
     ASSERT_EQ(0, Tool("limit set --user 1026 --protocol ftp --up 64").status);
     ASSERT_EQ(0, Tool("limit set --group 101 --protocol ftp --state disabled").status);
@@ -303,34 +270,31 @@ TEST_F(CliTest, LimitSetStoresWhatLimitShowReads)
     EXPECT_EQ("schedule", alice["state"].text);
     EXPECT_EQ(64, alice["upload_rate"].number);
     EXPECT_EQ(1024, alice["download_rate"].number);
+    EXPECT_EQ(100, alice["download_rate_custom"].number);
     EXPECT_EQ(plan, alice["schedule_plan"].text);
     EXPECT_EQ("group", staff["owner_type"].text);
     EXPECT_EQ("disabled", staff["state"].text);
 
     // The grid shows custom hours from 09 to 18 on weekdays, no limit at weekends.
     Result shown = Tool("limit show --user alice --protocol ftp");
-    EXPECT_NE(std::string::npos, shown.out.find("  Mon  #########+++++++++######\n")) << shown.out;
-    EXPECT_NE(std::string::npos, shown.out.find("  Sun  ........................\n")) << shown.out;
-    // The library's own layout.
-    EXPECT_NE(std::string::npos, Tool("limit show --dump --protocol ftp").out.find("U/L rate(KB/s)"));
-}
+    EXPECT_TRUE(Has(shown.out, "  Mon  #########+++++++++######\n")) << shown.out;
+    EXPECT_TRUE(Has(shown.out, "  Sun  ........................\n")) << shown.out;
+    EXPECT_TRUE(Has(Tool("limit show --dump --protocol ftp").out, "U/L rate(KB/s)"));  // the library's layout
 
-TEST_F(CliTest, ReadableSchedulesWrapListAndOverride)
-{
+    // Readable schedules: later rules win; 22-06 wraps within the day; fri-mon
+    // wraps over the week; hours alone apply to every day; a raw plan of 168
+    // digits is stored as given.
     auto storedPlan = [](const std::string &schedule) {
         Result set = Tool("limit set --user carol --protocol rsync --schedule " + schedule);
         EXPECT_EQ(0, set.status) << set.err;
         return ParseJson(Tool("limit show --user carol --protocol rsync --json").out)["limits"][0]["schedule_plan"].text;
     };
-    // Later rules win; 22-06 wraps within the day; fri-mon wraps over the week.
     std::string wednesday(24, '0');
     for (int hour : {0, 1, 2, 3, 4, 5, 12, 22, 23}) {
         wednesday[hour] = '2';
     }
     EXPECT_EQ(Week([&](int d) { return d == 3 ? wednesday : std::string(24, d == 0 || d == 1 || d >= 5 ? '1' : '0'); }),
               storedPlan("'all=off mon,wed 22-06,12=custom fri-mon 00-24=normal'"));
-
-    // Hours alone apply to every day; a raw plan of 168 digits is stored as given.
     EXPECT_EQ(Week([](int) { return std::string(23, '1') + "0"; }), storedPlan("23=off"));
     std::string raw;
     for (int i = 0; i < 168; ++i) {
@@ -348,6 +312,8 @@ TEST_F(CliTest, WrongArgumentsSayWhatIsWrongAndChangeNothing)
 
     const std::string set = "limit set --user alice --protocol ftp ";
     const std::pair<std::string, std::string> cases[] = {
+        {"frobnicate", "unknown command 'frobnicate'"},
+        {"limit", "limit needs set or show"},
         {"limit set --user mallory --protocol ftp --down 5", "unknown user 'mallory'"},
         {"limit set --group wheel --protocol ftp --down 5", "unknown group 'wheel'"},
         {"limit set --user alice --protocol gopher --down 5", "unknown protocol 'gopher'"},
@@ -380,7 +346,7 @@ TEST_F(CliTest, WrongArgumentsSayWhatIsWrongAndChangeNothing)
     for (const auto &[command, message] : cases) {
         Result result = Tool(command);
         EXPECT_EQ(2, result.status) << command;
-        EXPECT_NE(std::string::npos, result.err.find(message)) << command << ": " << result.err;
+        EXPECT_TRUE(Has(result.err, message)) << command << ": " << result.err;
         EXPECT_EQ("", result.out) << result.out;
     }
     EXPECT_EQ(limitsBefore, vbw::ReadFile(kFtpConf));
@@ -404,9 +370,7 @@ TEST_F(CliTest, GlobalSetKeepsWhatItDoesNotName)
 
     // Without a protocol, the four built-in ones; the dump is the library's layout.
     EXPECT_EQ(4u, ParseJson(Tool("global show --json").out)["globals"].items.size());
-    Result dump = Tool("global show --dump --protocol webdav");
-    EXPECT_NE(std::string::npos, dump.out.find("UserGroupPolicy"));
-    EXPECT_NE(std::string::npos, dump.out.find("weighted"));
+    EXPECT_TRUE(Has(Tool("global show --dump --protocol webdav").out, "UserGroupPolicy"));
 }
 
 TEST_F(CliTest, PreviewShowsTheSpeedsOfTheUsersLimit)
@@ -419,7 +383,7 @@ TEST_F(CliTest, PreviewShowsTheSpeedsOfTheUsersLimit)
     EXPECT_EQ(1048576, preview["download_speed"].number);
     Result table = Tool("preview --user carol --protocol ftp");
     EXPECT_EQ(0, table.status);
-    EXPECT_NE(std::string::npos, table.out.find("unlimited"));
+    EXPECT_TRUE(Has(table.out, "unlimited"));
 }
 
 TEST_F(CliTest, StatusListsARunningCopyAndEscapesItsFileName)
@@ -443,17 +407,15 @@ TEST_F(CliTest, StatusListsARunningCopyAndEscapesItsFileName)
     for (const char *filter : {"--direction upload", "--protocol webdav", "--user bob"}) {
         EXPECT_EQ(0u, Transfers(filter).items.size()) << filter;
     }
-    EXPECT_NE(std::string::npos, Tool("status").out.find("user alice"));
-    EXPECT_NE(std::string::npos, Tool("status --dump").out.find("alice"));
+    EXPECT_TRUE(Has(Tool("status").out, "user alice"));
+    EXPECT_TRUE(Has(Tool("status --dump").out, "alice"));
 
     // --watch without a terminal: plain tables, one per refresh; --count ends it.
     double start = Seconds();
     Result watch = Tool("status --watch --count 2");
     EXPECT_EQ(0, watch.status);
     EXPECT_GE(Seconds() - start, 0.9);
-    size_t first = watch.out.find("--- ");
-    EXPECT_NE(std::string::npos, first);
-    EXPECT_NE(std::string::npos, watch.out.find("--- ", first + 1)) << watch.out;
+    EXPECT_EQ(2, vbw::Occurrences(watch.out, "--- ")) << watch.out;
     // With --json, one JSON document per line.
     std::istringstream lines(Tool("status --count 2 --json").out);
     int documents = 0;
@@ -470,7 +432,7 @@ TEST_F(CliTest, StatusWatchEndsOnCtrlC)
     kill(watch.Pid(), SIGINT);
     Result result = watch.Wait();
     EXPECT_EQ(0, result.status);
-    EXPECT_NE(std::string::npos, result.out.find("No running transfers."));
+    EXPECT_TRUE(Has(result.out, "No running transfers."));
 }
 
 TEST_F(CliTest, SimulateHoldsItsLimitAndShowsProgressLines)
@@ -483,8 +445,8 @@ TEST_F(CliTest, SimulateHoldsItsLimitAndShowsProgressLines)
     // 512 KiB at 256 KB/s: the first chunk goes at once, the other seven take 1.75 s.
     EXPECT_GT(elapsed, 1.5);
     EXPECT_LT(elapsed, 4.0);
-    EXPECT_NE(std::string::npos, result.out.find("expected 256.0 KB/s")) << result.out;
-    EXPECT_NE(std::string::npos, result.out.find("Done: 0.5 MiB")) << result.out;
+    EXPECT_TRUE(Has(result.out, "expected 256.0 KB/s")) << result.out;
+    EXPECT_TRUE(Has(result.out, "Done: 0.5 MiB")) << result.out;
     EXPECT_EQ(0u, Transfers().items.size());
 }
 
@@ -503,12 +465,12 @@ TEST_F(CliTest, SimulatorIsNamedVeskbandwidthAndReloadsOnHangup)
     EXPECT_EQ(1u, WaitForTransfers(1).items.size());
     Result reload = Tool("reload simulators");
     EXPECT_EQ(0, reload.status);
-    EXPECT_NE(std::string::npos, reload.out.find("Sent SIGHUP to ")) << reload.out;
+    EXPECT_TRUE(Has(reload.out, "Sent SIGHUP to ")) << reload.out;
     double start = Seconds();
     Result result = simulate.Wait();
     EXPECT_EQ(0, result.status) << result.err;
     EXPECT_LT(Seconds() - start, 5.0);
-    EXPECT_NE(std::string::npos, result.out.find("Done: 100.0 MiB"));
+    EXPECT_TRUE(Has(result.out, "Done: 100.0 MiB")) << result.out;
 }
 
 TEST_F(CliTest, CtrlCEndsASimulationAndRemovesItsEntries)
@@ -520,7 +482,7 @@ TEST_F(CliTest, CtrlCEndsASimulationAndRemovesItsEntries)
     kill(-simulate.Pid(), SIGINT);  // the terminal signals the whole job
     Result result = simulate.Wait();
     EXPECT_EQ(130, result.status);
-    EXPECT_NE(std::string::npos, result.out.find("Interrupted")) << result.out;
+    EXPECT_TRUE(Has(result.out, "Interrupted")) << result.out;
     EXPECT_EQ(0u, Transfers().items.size());
 }
 
@@ -529,17 +491,16 @@ TEST_F(CliTest, DeactivateEndsTheTransferAndRemoveClearsItsEntries)
     LimitUser("erin", 16);
     Running first(Words("simulate --user erin --protocol ftp --size 100M"));
     std::string pid = OnlyTransferPid();
-
     Result wrong = Tool("deactivate --user erin --pid 99999");
     EXPECT_EQ(1, wrong.status);
-    EXPECT_NE(std::string::npos, wrong.err.find("erin has no running transfer with pid 99999"));
+    EXPECT_TRUE(Has(wrong.err, "erin has no running transfer with pid 99999"));
     EXPECT_EQ(1, Tool("deactivate --user alice --pid " + pid).status);  // another user's pid
 
     Result deactivated = Tool("deactivate --user erin --pid " + pid);
     EXPECT_EQ(0, deactivated.status) << deactivated.err;
     Result ended = first.Wait();  // at 16 KB/s the next chunk ends within 4 s
     EXPECT_EQ(1, ended.status);
-    EXPECT_NE(std::string::npos, ended.err.find("deactivated")) << ended.err;
+    EXPECT_TRUE(Has(ended.err, "deactivated")) << ended.err;
     EXPECT_EQ(0u, Transfers().items.size());
 
     // remove: the entries are gone until the next chunk, seconds away at 16 KB/s.
@@ -548,7 +509,7 @@ TEST_F(CliTest, DeactivateEndsTheTransferAndRemoveClearsItsEntries)
     EXPECT_EQ(1, Tool("remove --user erin --pid " + pid + " --direction upload").status);
     Result removed = Tool("remove --user erin --pid " + pid);
     EXPECT_EQ(0, removed.status) << removed.err;
-    EXPECT_NE(std::string::npos, removed.out.find("Removed the download of pid " + pid));
+    EXPECT_TRUE(Has(removed.out, "Removed the download of pid " + pid));
     EXPECT_EQ(0u, Transfers().items.size());
 }
 
@@ -596,14 +557,14 @@ TEST_F(CliTest, CopyReloadsOnHangupAndReadsStandardInput)
 
     Result missing = Tool("copy --user bob --protocol ftp /tmp/no-such-file /tmp/x");
     EXPECT_EQ(1, missing.status);
-    EXPECT_NE(std::string::npos, missing.err.find("cannot open /tmp/no-such-file"));
+    EXPECT_TRUE(Has(missing.err, "cannot open /tmp/no-such-file"));
 }
 
 TEST_F(CliTest, ReloadSignalsTheWebDAVServerGroup)
 {
     Result none = Tool("reload webdav");
     EXPECT_EQ(1, none.status);
-    EXPECT_NE(std::string::npos, none.err.find("WebDAV server is not running"));
+    EXPECT_TRUE(Has(none.err, "WebDAV server is not running"));
 
     Running server({"/bin/sleep", "30"});  // leads a process group of its own
     vbw::MakeDirs("/run/httpd");
@@ -612,7 +573,6 @@ TEST_F(CliTest, ReloadSignalsTheWebDAVServerGroup)
     Result sent = Tool("reload webdav");
     EXPECT_EQ(0, sent.status) << sent.err;
     EXPECT_EQ(128 + SIGUSR2, server.Wait().status);
-
     EXPECT_EQ(0, Tool("reload lanternpost").status);
     EXPECT_EQ(2, Tool("reload everything").status);
 }

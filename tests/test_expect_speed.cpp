@@ -125,8 +125,6 @@ TEST_F(ExpectSpeedTest, RefusedArgumentsAndPolicies)
     VESK_BANDWIDTH_CONFIG config = {0, 2, 0, 0, limits, vbw::GlobalConf(0, {0, 0, 3, 0, ""})};
     EXPECT_EQ("fail | 0 0", Eval(config, VESK_BW_TRANSFER_ALL, 0));
     EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
-    uint64_t speed = 0;
-    EXPECT_EQ(-1, VESKBandwidthExpectSpeedEstimate(1026, limits, VESK_BW_TRANSFER_ALL, &speed, 1));
     EXPECT_EQ("fail | 0 0", Eval(config, kDown, 0));
     EXPECT_TRUE(log.Contains("unknown inter_group_policy [3] ")) << log.Dump();
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "transfer_support.h"
+#include "vbw_throttle_fixture.h"
 #include "vesk_system.h"
 
 namespace {

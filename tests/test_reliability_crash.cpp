@@ -1,9 +1,7 @@
 // Processes killed with SIGKILL at random moments while they save, enumerate
-// and remove status sections and store limits.  Afterwards every status and
-// configuration file parses, nothing but the killed processes' sections is
-// missing, and what they left is collected by the next enumerations at the
-// promised ages: sections older than 30 seconds, temporary files last
-// modified more than 10 seconds ago.  Ages are set in the past, not waited for.
+// and remove status sections and store limits: every file still parses, only
+// their sections are missing, and what they left is collected at the promised
+// ages (set in the past, not waited for).
 #include <signal.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -14,8 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "reliability_support.h"
-#include "transfer_support.h"
+#include "vbw_throttle_fixture.h"
 #include "vesk_file.h"
 
 namespace {
@@ -90,9 +87,8 @@ struct GroupConfig {
     }
 }
 
-// The sections of a section file, read through the platform reader: name ->
-// pairs.  Records a failure when the file does not parse or a section is not
-// whole (its number of pairs is none of keyCounts).
+// The sections of a file through the platform reader; a failure when it does
+// not parse or a section is not whole (its number of pairs is none of keyCounts).
 Sections ParseWhole(const std::string &path, const std::set<size_t> &keyCounts)
 {
     Sections sections;
@@ -122,9 +118,8 @@ std::map<std::string, std::string> HashOf(const VESK_BANDWIDTH_STATUS &status)
     return std::map<std::string, std::string>(pairs.begin(), pairs.end());
 }
 
-// Enumerates the file pass after pass, as the transfers do, until a pass
-// leaves it unchanged (one pass collects at most 16 dead sections); every
-// pass lists `listed` records.
+// Enumerates the file until a pass leaves it unchanged (one pass collects at
+// most 16 dead sections); every pass lists `listed` records.
 void EnumerateUntilSettled(const std::string &path, int listed)
 {
     for (int pass = 0; pass < 100; ++pass) {
@@ -137,12 +132,6 @@ void EnumerateUntilSettled(const std::string &path, int listed)
     ADD_FAILURE() << path << " never settles";
 }
 
-void SetModified(const std::string &path, time_t when)
-{
-    struct timeval times[2] = {{when, 0}, {when, 0}};
-    ASSERT_EQ(0, lutimes(path.c_str(), times)) << path;
-}
-
 class ReliabilityCrash : public SandboxTest {
 protected:
     void SetUp() override
@@ -150,9 +139,8 @@ protected:
         SandboxTest::SetUp();
         InstallKillallStandIn();
         StoreGlobal(kFtp, GlobalSpec());
-        // Survivors: transfers of living processes, with a timestamp ahead so
-        // that they stay fresh however long the test takes, and long file
-        // names so that every rewrite takes a while.
+        // Survivors: fresh however long the test takes, with long file names
+        // so that every rewrite takes a while.
         GroupConfig group;
         for (int i = 0; i < kSurvivors; ++i) {
             VESK_BANDWIDTH_STATUS status =
@@ -257,9 +245,8 @@ TEST_F(ReliabilityCrash, KilledWritersLeaveWholeFilesAndTheirGarbageIsCollected)
                 "temporary configuration files\n",
                 victims.size(), victimSections.size(), temporary.size(), confTemporary.size());
 
-    // The next enumerations take every section older than 30 seconds and
-    // keep the others (the victims saved theirs either just now or 100
-    // seconds in the past).
+    // The next enumerations take every section older than 30 seconds and keep
+    // the others (victims saved theirs just now or 100 seconds in the past).
     const std::vector<std::string> statusFiles = {std::string(kStatusDir) + "group-100",
                                                   std::string(kStatusDir) + "user-1026"};
     time_t now = time(nullptr);
@@ -296,8 +283,7 @@ TEST_F(ReliabilityCrash, KilledWritersLeaveWholeFilesAndTheirGarbageIsCollected)
         EXPECT_EQ((size_t)kSurvivors, ParseWhole(path, {kStatusKeys}).size()) << path;
     }
 
-    // A temporary file is kept while it was modified at most 10 seconds ago,
-    // and deleted by the next enumeration after that.
+    // A temporary file modified 10 seconds ago or less is kept, older ones deleted.
     for (const std::string &path : temporary) {
         SetModified(path, now - 5);
         EXPECT_EQ(0, EnumerateFile(path));

@@ -1,9 +1,7 @@
-// Many transferring processes of several users under one shared group limit,
-// saving and enumerating the same status files at once for a few seconds,
-// through the library's whole transfer rhythm (configuration, registration,
-// sleep loop, removal).  Every enumeration parses, the transfers see each
-// other in nearly every pass, no temporary file stays behind, and the group
-// limit holds in aggregate.
+// Many transfers of several users under one shared group limit, through the
+// library's whole transfer rhythm, saving and enumerating the same status
+// files for a few seconds: every enumeration parses, the transfers see each
+// other in nearly every pass, no temporary file stays, the limit holds.
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,8 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "reliability_support.h"
-#include "transfer_support.h"
+#include "vbw_throttle_fixture.h"
 
 namespace {
 
@@ -27,10 +24,8 @@ const int kUserCount = sizeof(kUids) / sizeof(kUids[0]);
 const uint64_t kGroupLimitKBps = 1024;
 const uint64_t kChunkBytes = 16384;
 const int64_t kRunMs = 4000;
-// The limit and the sightings are judged once the start has settled: every
-// transfer registered and took its first chunks at whatever speed it saw
-// alone, and first sections lost to concurrent rewrites came back at their
-// owners' next save.
+// The limit and the sightings are judged once the start has settled (every
+// transfer registered; first sections lost to concurrent rewrites saved again).
 const int64_t kSettleMs = 1000;
 
 // What one transfer saw, written by its own process only.
@@ -93,9 +88,8 @@ bool Sighting(const Shared &shared, int self, int ownerType, unsigned id, uid_t 
     return listedCount >= 0 && listedCount == (int)listed.size();
 }
 
-// One transfer: registers, runs the sleep loop until the deadline, looking
-// at the shared files after every pass, and removes itself.  Its exit status
-// is 0; failures are in its report.
+// One transfer: registers, runs the sleep loop until the deadline, looking at
+// the shared files after every pass, and removes itself; failures are reported.
 void RunTransfer(Shared &shared, int self)
 {
     TransferReport &report = shared.report[self];
@@ -148,11 +142,7 @@ class ReliabilityStress : public SandboxTest {};
 TEST_F(ReliabilityStress, SharedFilesUnderManyTransfers)
 {
     InstallKillallStandIn();
-    GlobalSpec global;
-    global.userGroup = VESK_BW_POLICY_GROUP_ONLY;
-    global.occupy = VESK_BW_OCCUPY_ALL;  // every transfer books its whole speed in the group's file
-    StoreGlobal(kFtp, global);
-    StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, kGroupLimitKBps);
+    StoreUsersGroupLimit(kGroupLimitKBps);  // every transfer books its whole speed in the group's file
 
     auto *shared = static_cast<Shared *>(
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));

@@ -10,7 +10,7 @@
 #include <regex>
 #include <vector>
 
-#include "transfer_support.h"
+#include "vbw_throttle_fixture.h"
 
 namespace {
 
@@ -63,22 +63,6 @@ protected:
     {
         ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, GlobalSpec()));
         ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps));
-    }
-
-    // Group users limited to downKBps under group-only, every transfer
-    // occupying it.
-    void LimitUsersGroup(uint64_t downKBps)
-    {
-        GlobalSpec settings;
-        settings.userGroup = VESK_BW_POLICY_GROUP_ONLY;
-        settings.occupy = VESK_BW_OCCUPY_ALL;
-        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, settings));
-        ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, downKBps));
-    }
-
-    static bool HasEntry(const std::string &owner, unsigned int id, pid_t pid)
-    {
-        return HasSection(StatusFile(owner, id), SectionName(pid, kDown));
     }
 };
 
@@ -170,7 +154,7 @@ TEST_F(SimulateTest, HangupMakesExactlyOneReload)
 TEST_F(SimulateTest, TransfersUnderOneGroupShareItsLimit)
 {
     const uint64_t fairBps = 256 * 1024;
-    ASSERT_NO_FATAL_FAILURE(LimitUsersGroup(3 * 256));
+    ASSERT_NO_FATAL_FAILURE(StoreUsersGroupLimit(3 * 256));
     std::vector<pid_t> children;
     for (const char *user : {"alice", "bob", "carol"}) {
         children.push_back(ForkSimulator(user, kFtp, kDown, 512));  // two seconds at the fair part
@@ -213,7 +197,7 @@ TEST_F(SimulateTest, TransfersUnderOneGroupShareItsLimit)
 
 TEST_F(SimulateTest, LimitSwitchedOffByAdministrator)
 {
-    ASSERT_NO_FATAL_FAILURE(LimitUsersGroup(256));
+    ASSERT_NO_FATAL_FAILURE(StoreUsersGroupLimit(256));
     InstallKillallStandIn();
     pid_t child = ForkSimulator("alice", kFtp, kDown, 64 * 40);  // ten seconds if left alone
     ASSERT_TRUE(WaitUntil([&] { return HasEntry("group", kUsers, child); }, 5000));

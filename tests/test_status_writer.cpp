@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -22,18 +21,10 @@ const std::string kFile = kDir + "user-1026";
 std::vector<std::string> DirEntries()
 {
     std::vector<std::string> names;
-    for (const auto &entry : std::filesystem::directory_iterator(kDir)) {
-        names.push_back(entry.path().filename());
+    for (const std::string &path : vbw::Paths(kDir + "*")) {
+        names.push_back(path.substr(kDir.size()));
     }
-    std::sort(names.begin(), names.end());
     return names;
-}
-
-struct stat Stat(const std::string &path)
-{
-    struct stat st = {};
-    EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
-    return st;
 }
 
 // What the platform writes for a section, so that the expectations hold
@@ -88,7 +79,7 @@ TEST_F(StatusWriterTest, MissingSectionRewritesSameBytesIntoANewInode)
     const std::string content = kHead + kTail;
     vbw::WriteFile(kFile, content, 0640);
     ASSERT_EQ(0, chown(kFile.c_str(), 1026, 100));
-    struct stat before = Stat(kFile);
+    struct stat before = vbw::Stat(kFile);
     umask(022);
 
     EXPECT_EQ(0, VESKBandwidthStatusSetSection(kFile.c_str(), "999-2", hash));
@@ -96,7 +87,7 @@ TEST_F(StatusWriterTest, MissingSectionRewritesSameBytesIntoANewInode)
     EXPECT_EQ(0, VESKBandwidthStatusRemoveSection(kFile.c_str(), "999-2"));
     EXPECT_EQ(BW_ERR_NOT_FOUND, VLIBCErrGet());
 
-    struct stat after = Stat(kFile);
+    struct stat after = vbw::Stat(kFile);
     EXPECT_EQ(content, vbw::ReadFile(kFile));
     EXPECT_NE(before.st_ino, after.st_ino);
     EXPECT_EQ(0u, after.st_uid);  // the rewriting process owns the new file
@@ -107,7 +98,7 @@ TEST_F(StatusWriterTest, MissingSectionRewritesSameBytesIntoANewInode)
         ASSERT_EQ(0, chmod(kFile.c_str(), mode));
         umask(027);
         EXPECT_EQ(0, VESKBandwidthStatusSetSection(kFile.c_str(), "1-1", hash));
-        EXPECT_EQ(mode, Stat(kFile).st_mode & 07777);
+        EXPECT_EQ(mode, vbw::Stat(kFile).st_mode & 07777);
         EXPECT_EQ(027u, umask(027));
     }
 }
@@ -132,22 +123,29 @@ TEST_F(StatusWriterTest, MaskIsRestoredWhenTheTemporaryFileCannotBeCreated)
     EXPECT_EQ(std::vector<std::string>{"user-1026"}, DirEntries());
 }
 
-TEST_F(StatusWriterTest, RewriteNeedsARegularFile)
+// A missing file, a directory or a symbolic link (to a file or dangling) is
+// never rewritten or appended to through its path.
+TEST_F(StatusWriterTest, RewriteNeedsARegularFileAndNeverFollowsALink)
 {
-    vbw::MakeDirs(kDir + "user-1027");
-    for (const std::string &path : {kFile, kDir + "user-1027"}) {
-        EXPECT_EQ(-1, VESKBandwidthStatusSetSection(path.c_str(), "1-1", hash)) << path;
+    const std::string content = "[5-2]\nsecret=1\n", link = kDir + "user-1027", dangling = kDir + "user-1028";
+    vbw::WriteFile("/tmp/victim", content, 0644);
+    ASSERT_EQ(0, symlink("/tmp/victim", link.c_str()));
+    ASSERT_EQ(0, symlink("/tmp/created-through-link", dangling.c_str()));
+    vbw::MakeDirs(kDir + "user-1029");
+    for (const std::string &path : {kFile, link, kDir + "user-1029"}) {
+        EXPECT_EQ(-1, VESKBandwidthStatusSetSection(path.c_str(), "5-2", hash)) << path;
         EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet()) << path;
-        EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(path.c_str(), "1-1")) << path;
+        EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(path.c_str(), "5-2")) << path;
         EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet()) << path;
     }
-    EXPECT_EQ(std::vector<std::string>{"user-1027"}, DirEntries());
-
-    EXPECT_EQ(-1, VESKBandwidthStatusSetSection(nullptr, "1-1", hash));
-    EXPECT_TRUE(log.Contains("Invaild Argument (((void *)0) != szFile)=[0]")) << log.Dump();
-    EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(kFile.c_str(), nullptr));
-    EXPECT_TRUE(log.Contains("Invaild Argument (NULL != szSection)=[0]")) << log.Dump();
-    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
+    for (const std::string &path : {link, dangling}) {
+        EXPECT_EQ(-1, VESKBandwidthStatusAddSection(path.c_str(), "6-1", hash)) << path;
+        EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet()) << path;
+    }
+    EXPECT_EQ(content, vbw::ReadFile("/tmp/victim"));
+    EXPECT_TRUE(S_ISLNK(vbw::Stat(link).st_mode));
+    EXPECT_FALSE(vbw::Exists("/tmp/created-through-link"));
+    EXPECT_EQ((std::vector<std::string>{"user-1027", "user-1028", "user-1029"}), DirEntries());
 }
 
 TEST_F(StatusWriterTest, AppendSeparatesTheNewSectionByOneNewline)
@@ -156,7 +154,7 @@ TEST_F(StatusWriterTest, AppendSeparatesTheNewSectionByOneNewline)
     umask(0);
     EXPECT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash));  // missing: created
     EXPECT_EQ("\n" + section, vbw::ReadFile(kFile));
-    EXPECT_EQ(0666u, Stat(kFile).st_mode & 07777);
+    EXPECT_EQ(0666u, vbw::Stat(kFile).st_mode & 07777);
 
     const std::pair<std::string, std::string> cases[] = {
         {"", "\n"}, {"[1-1]\nb=2\n", "[1-1]\nb=2\n"}, {"[1-1]\nb=2", "[1-1]\nb=2\n"}};
@@ -179,26 +177,6 @@ TEST_F(StatusWriterTest, AppendSeparatesTheNewSectionByOneNewline)
     EXPECT_TRUE(log.Lines().empty()) << log.Dump();
 }
 
-TEST_F(StatusWriterTest, SymbolicLinkAtTheStatusPathIsNeverFollowed)
-{
-    const std::string content = "[5-2]\nsecret=1\n";
-    vbw::WriteFile("/tmp/victim", content, 0644);
-    ASSERT_EQ(0, symlink("/tmp/victim", kFile.c_str()));
-    ASSERT_EQ(0, symlink("/tmp/created-through-link", (kDir + "user-1027").c_str()));
-
-    EXPECT_EQ(-1, VESKBandwidthStatusSetSection(kFile.c_str(), "5-2", hash));
-    EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
-    EXPECT_EQ(-1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "5-2"));
-    EXPECT_EQ(-1, VESKBandwidthStatusAddSection(kFile.c_str(), "6-1", hash));
-    EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
-    EXPECT_EQ(-1, VESKBandwidthStatusAddSection((kDir + "user-1027").c_str(), "6-1", hash));
-
-    EXPECT_EQ(content, vbw::ReadFile("/tmp/victim"));
-    EXPECT_TRUE(S_ISLNK(Stat(kFile).st_mode));
-    EXPECT_FALSE(vbw::Exists("/tmp/created-through-link"));
-    EXPECT_EQ((std::vector<std::string>{"user-1026", "user-1027"}), DirEntries());
-}
-
 // Writer w's section at the given round, saved through its hash.
 int SaveRecord(int (*write)(const char *, const char *, const VLIBC_SZHASH *), int w, int round)
 {
@@ -210,28 +188,13 @@ int SaveRecord(int (*write)(const char *, const char *, const VLIBC_SZHASH *), i
     return write(kFile.c_str(), vbw::SectionName(status.pid, VESK_BW_TRANSFER_UPLOAD).c_str(), hash);
 }
 
-// True when every section header of the file is followed by its twelve pairs.
-bool FileIsWhole(const std::string &content, int sectionsWanted)
+// True when the file, read at once, holds every writer's section with its twelve pairs.
+bool FileIsWhole(int writers)
 {
-    int sections = 0, pairs = 0;
-    for (size_t at = 0; at < content.size();) {
-        size_t end = content.find('\n', at);
-        if (end == std::string::npos) {
-            return false;  // a file of this test always ends with a newline
-        }
-        std::string line = content.substr(at, end + 1 - at);
-        if (VLIBCIFileIsSection(line.c_str(), line.size())) {
-            if (sections > 0 && pairs != 12) {
-                return false;
-            }
-            ++sections;
-            pairs = 0;
-        } else if (line.find('=') != std::string::npos) {
-            ++pairs;
-        }
-        at = end + 1;
-    }
-    return sections == sectionsWanted && pairs == 12;
+    vbw::Sections sections = vbw::ReadSections(kFile);
+    return (int)sections.size() == writers && std::all_of(sections.begin(), sections.end(), [](const auto &section) {
+               return section.second.size() == 12;
+           });
 }
 
 // True when the enumeration lists every writer's record, each whole.
@@ -276,11 +239,8 @@ TEST_F(StatusWriterTest, ConcurrentWritersNeverShowATornFile)
     for (int r = 0; r < kReaders; ++r) {
         readers.push_back(vbw::Fork([&] {
             for (int reads = 0; *stop == 0 || reads == 0; ++reads) {
-                if (!FileIsWhole(vbw::ReadFile(kFile), kWriters)) {
+                if (!FileIsWhole(kWriters) || !ListIsWhole(kWriters)) {
                     return 2;
-                }
-                if (!ListIsWhole(kWriters)) {
-                    return 3;
                 }
             }
             return 0;
@@ -294,7 +254,7 @@ TEST_F(StatusWriterTest, ConcurrentWritersNeverShowATornFile)
         EXPECT_EQ(0, vbw::WaitExit(pid, 100000));
     }
     munmap((void *)stop, sizeof(int));
-    EXPECT_TRUE(FileIsWhole(vbw::ReadFile(kFile), kWriters));
+    EXPECT_TRUE(FileIsWhole(kWriters));
     EXPECT_EQ(std::vector<std::string>{"user-1026"}, DirEntries());
 }
 

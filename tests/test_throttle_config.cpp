@@ -60,18 +60,6 @@ protected:
     }
 };
 
-TEST_F(ThrottleConfigTest, ArgumentsAreCheckedBeforeAnythingIsWritten)
-{
-    config.uid = 77;
-    EXPECT_EQ(-1, VESKBandwidthConfigGet(1026, VESK_BW_PROTOCOL_ALL, &config));
-    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
-    EXPECT_TRUE(log.Contains("Invaild Argument ((0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type)=[0]"))
-        << log.Dump();
-    EXPECT_EQ(-1, VESKBandwidthConfigGet((uid_t)-1, VESK_BW_PROTOCOL_FTP, &config));
-    EXPECT_TRUE(log.Contains("Invaild Argument ((uid_t)((uid_t) -1) != uid)=[0]")) << log.Dump();
-    EXPECT_EQ(77u, config.uid);
-}
-
 TEST_F(ThrottleConfigTest, DisabledGlobalStateReadsNoLimitFile)
 {
     Limits("[user-1026]\nstate=enabled\ndownload rate=12x\n");  // a record that cannot be read
@@ -183,7 +171,7 @@ TEST_F(ThrottleConfigTest, LimitScheduleAtMondayTen)
     EXPECT_EQ(100u, config.pLimit[0].ullCurRate[VESK_BW_TRANSFER_UPLOAD]);
 }
 
-TEST_F(ThrottleConfigTest, GlobalScheduleAtMondayTen)
+TEST_F(ThrottleConfigTest, GlobalScheduleAtMondayTenAndTheEnabledCheck)
 {
     for (char hour : {'1', '0', '2', '\0'}) {
         config.globalConf.iState = VESK_BW_STATE_SCHEDULE;
@@ -191,25 +179,46 @@ TEST_F(ThrottleConfigTest, GlobalScheduleAtMondayTen)
         EXPECT_EQ(1, VESKBandwidthInitConfig(&config, kMonday10Utc));
         EXPECT_EQ('1' == hour ? VESK_BW_STATE_ENABLED : VESK_BW_STATE_DISABLED, config.globalConf.iCurState);
     }
-}
-
-TEST_F(ThrottleConfigTest, EnabledCheckAndRelease)
-{
-    EXPECT_EQ(0, VESKBandwidthConfCheckEnabled(NULL));
-    EXPECT_EQ(0, VESKBandwidthIsUserGroupLimitEnable(NULL));
+    // Limiting is on with the protocol on and a limit in force.
     OneLimit(VESK_BW_STATE_ENABLED, "");
-    config.globalConf.iCurState = VESK_BW_STATE_ENABLED;
-    EXPECT_EQ(1, VESKBandwidthConfCheckEnabled(&config));
-    config.globalConf.iCurState = VESK_BW_STATE_DISABLED;
-    EXPECT_EQ(0, VESKBandwidthConfCheckEnabled(&config));
+    for (int state : {VESK_BW_STATE_ENABLED, VESK_BW_STATE_DISABLED}) {
+        config.globalConf.iCurState = (VESK_BW_LIMIT_STATE)state;
+        EXPECT_EQ(VESK_BW_STATE_ENABLED == state, 1 == VESKBandwidthConfCheckEnabled(&config));
+    }
     config.globalConf.iCurState = VESK_BW_STATE_ENABLED;
     config.iLimitCount = 0;
     EXPECT_EQ(0, VESKBandwidthConfCheckEnabled(&config));
-
+    EXPECT_EQ(0, VESKBandwidthConfCheckEnabled(NULL));
+    EXPECT_EQ(0, VESKBandwidthIsUserGroupLimitEnable(NULL));
     VESKBandwidthConfigFree(&config);
     EXPECT_EQ(nullptr, config.pLimit);
-    EXPECT_EQ(0, config.globalConf.iCurState);
     VESKBandwidthConfigFree(&config);  // a released record frees nothing
+}
+
+TEST_F(ThrottleConfigTest, OccupiedGroupsInOrderUpToTheCapacity)
+{
+    Occupy({{vbw::kAlice, 10000}, {100, 0}, {101, 2500}, {103, 7500}});
+    std::vector<uint32_t> groups(BW_OCC_GROUPS_MAX + 1, 0xDEADBEEF);
+    int count = -1;
+    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups.data(), &count, &config));
+    EXPECT_EQ(std::vector<uint32_t>({101, 103}), std::vector<uint32_t>(groups.begin(), groups.begin() + count));
+    config.blGroupConfExist = 0;  // no group limit in force: nothing occupied
+    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups.data(), &count, &config));
+    EXPECT_EQ(0, count);
+
+    // A user in more groups than the caller's array holds: it is filled, never overrun.
+    std::vector<std::pair<unsigned, uint64_t>> shares;
+    for (unsigned i = 0; i < BW_OCC_GROUPS_MAX + 76; ++i) {
+        shares.emplace_back(5000 + i, 1);
+    }
+    Occupy(shares);
+    groups.assign(BW_OCC_GROUPS_MAX + 1, 0xDEADBEEF);
+    ASSERT_EQ(0, VESKBandwidthOccGroupsGet(groups.data(), &count, &config));
+    EXPECT_EQ(BW_OCC_GROUPS_MAX, count);
+    EXPECT_EQ(5000u, groups[0]);
+    EXPECT_EQ(5000u + BW_OCC_GROUPS_MAX - 1, groups[BW_OCC_GROUPS_MAX - 1]);
+    EXPECT_EQ(0xDEADBEEF, groups[BW_OCC_GROUPS_MAX]);
+    EXPECT_EQ(1, log.Count("more than 1024 occupied groups")) << log.Dump();
 }
 
 }  // namespace

@@ -6,10 +6,12 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <glob.h>
 #include <poll.h>
 #include <signal.h>
 #include <sstream>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -198,6 +200,19 @@ bool Exists(const std::string &path)
     return lstat(path.c_str(), &st) == 0;
 }
 
+struct stat Stat(const std::string &path)
+{
+    struct stat st = {};
+    EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
+    return st;
+}
+
+void SetModified(const std::string &path, time_t when)
+{
+    struct timeval times[2] = {{when, 0}, {when, 0}};
+    ASSERT_EQ(0, lutimes(path.c_str(), times)) << path;
+}
+
 int Occurrences(const std::string &text, const std::string &what)
 {
     int count = 0;
@@ -205,6 +220,17 @@ int Occurrences(const std::string &text, const std::string &what)
         ++count;
     }
     return count;
+}
+
+std::vector<std::string> Paths(const std::string &pattern)
+{
+    std::vector<std::string> paths;
+    glob_t found;
+    if (0 == glob(pattern.c_str(), 0, nullptr, &found)) {
+        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+    }
+    globfree(&found);
+    return paths;
 }
 
 std::string Printed(const std::function<int(FILE *)> &print, int result)

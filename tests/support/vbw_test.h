@@ -58,7 +58,12 @@ std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &content, mode_t mode = 0644);
 void MakeDirs(const std::string &path, mode_t mode = 0755);
 bool Exists(const std::string &path);
+struct stat Stat(const std::string &path);  // of the path itself (lstat), a failure when missing
+void SetModified(const std::string &path, time_t when);  // of the path itself
 int Occurrences(const std::string &text, const std::string &what);
+inline bool Has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+// The paths that match a glob pattern, sorted; none when nothing matches.
+std::vector<std::string> Paths(const std::string &pattern);
 
 // What print wrote to a stream of its own; its result must be `result`.
 std::string Printed(const std::function<int(FILE *)> &print, int result = 0);

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <time.h>
 
 #include <algorithm>
@@ -77,6 +78,11 @@ std::map<std::string, std::string> ReadSection(const std::string &path, const st
 bool HasSection(const std::string &path, const std::string &section)
 {
     return ReadSections(path).count(section) > 0;
+}
+
+bool HasEntry(const std::string &owner, unsigned id, pid_t pid)
+{
+    return HasSection(StatusFile(owner, id), SectionName(pid, kDown));
 }
 
 void WriteConfFile(const std::string &file, const std::string &content)
@@ -193,9 +199,71 @@ void ConfigTest::Use(const std::vector<VESK_BANDWIDTH_LIMIT> &limits)
     std::copy(limits.begin(), limits.end(), config.pLimit);
 }
 
+void ConfigTest::Occupy(const std::vector<std::pair<unsigned, uint64_t>> &shares)
+{
+    std::vector<VESK_BANDWIDTH_LIMIT> limits;
+    for (const auto &share : shares) {
+        limits.push_back(Limit(kAlice == share.first ? VESK_BW_OWNER_USER : VESK_BW_OWNER_GROUP, share.first, 0, 100));
+        limits.back().ullOccupyShare = share.second;
+    }
+    Use(limits);
+    config.blGroupConfExist = 1;
+}
+
 void FakeGroupList(const std::vector<std::string> *entries)
 {
     g_fakeGroups = entries;
+}
+
+void StoreGlobal(int protocol, const GlobalSpec &settings)
+{
+    VESK_BANDWIDTH_GLOBAL_CONF conf = GlobalConf(protocol, settings);
+    ASSERT_EQ(0, VESKBandwidthGlobalConfSet(&conf));
+}
+
+void StoreLimit(int ownerType, unsigned id, int protocol, uint64_t upKBps, uint64_t downKBps, int state,
+                const std::string &plan)
+{
+    VESK_BANDWIDTH_CONF conf = Conf(ownerType, id, protocol, upKBps, downKBps, state, plan);
+    ASSERT_EQ(0, VESKBandwidthConfSetByID(&conf));
+}
+
+void StoreUsersGroupLimit(uint64_t downKBps)
+{
+    GlobalSpec settings;
+    settings.userGroup = VESK_BW_POLICY_GROUP_ONLY;
+    settings.occupy = VESK_BW_OCCUPY_ALL;
+    StoreGlobal(kFtp, settings);
+    StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, downKBps);
+}
+
+pid_t ForkSimulator(const char *user, int protocol, int transferType, size_t size)
+{
+    return Fork([=] {
+        prctl(PR_SET_NAME, "veskbandwidth");
+        return 0 == VESKBandwidthSimulate(user, protocol, transferType, size) ? 0 : 1;
+    });
+}
+
+void InstallKillallStandIn(int status)
+{
+    WriteFile("/usr/bin/killall",
+              "#!/bin/sh\n"
+              "echo \"$*\" >> /tmp/killall.args\n"
+              "[ \"$1\" = -sighup ] || exit 2\n"
+              "for d in /proc/[0-9]*; do\n"
+              "  [ \"$(cat \"$d/comm\" 2>/dev/null)\" = \"$2\" ] && kill -HUP \"${d#/proc/}\"\n"
+              "done\n"
+              "exit " + std::to_string(status) + "\n",
+              0755);
+}
+
+int EnumerateFile(const std::string &path)
+{
+    VESK_BANDWIDTH_STATUS *list = nullptr;
+    int count = VESKBandwidthIStatusGetAll(path.c_str(), VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_ALL, &list, 0);
+    VESKBandwidthStatusListFree(&list);
+    return count;
 }
 
 }  // namespace vbw

@@ -1,7 +1,8 @@
-// Fixtures of the library's records and files: records built in memory, a
-// throttle configuration held by a test, platform hashes, status and limit
-// files written directly in the section syntax, and a switch that replaces
-// the platform's group list of a user.
+// Fixtures of the library's records and files: records built in memory or
+// stored through the library, a throttle configuration held by a test,
+// platform hashes, status and limit files written directly in the section
+// syntax, a switch that replaces the platform's group list of a user,
+// simulator children and a killall stand-in.
 #ifndef VBW_THROTTLE_FIXTURE_H
 #define VBW_THROTTLE_FIXTURE_H
 
@@ -81,6 +82,9 @@ protected:
     void TearDown() override;
     // Replaces the limit records by copies of these.
     void Use(const std::vector<VESK_BANDWIDTH_LIMIT> &limits);
+    // Replaces them by limits of 100 KB/s down, each with its occupied share:
+    // alice's own for her uid, else a group's; a group limit is in force.
+    void Occupy(const std::vector<std::pair<unsigned, uint64_t>> &shares);
 
     VESK_BANDWIDTH_CONFIG config = {kAlice, 0, 0, 0, nullptr, {}};
 };
@@ -110,6 +114,8 @@ Sections ReadSections(const std::string &path);
 // The pairs of one section; empty when the file or the section is missing.
 std::map<std::string, std::string> ReadSection(const std::string &path, const std::string &section);
 bool HasSection(const std::string &path, const std::string &section);
+// Whether the status file of owner and id holds the download of pid.
+bool HasEntry(const std::string &owner, unsigned id, pid_t pid);
 
 // The section name of a transfer: "<pid>-<transfer type>".
 std::string SectionName(pid_t pid, int transfer_type);
@@ -120,6 +126,29 @@ void WriteConfFile(const std::string &file, const std::string &content);
 // From now on VLIBGroupInfoListGet answers with these entries for every
 // user; nullptr gives the platform's answer again.
 void FakeGroupList(const std::vector<std::string> *entries);
+
+// Stored through the library; rates in KB/s.
+void StoreGlobal(int protocol, const GlobalSpec &settings);
+void StoreLimit(int ownerType, unsigned id, int protocol, uint64_t upKBps, uint64_t downKBps,
+                int state = VESK_BW_STATE_ENABLED, const std::string &plan = "");
+// Group users limited to downKBps for ftp under group-only, every transfer occupying it.
+void StoreUsersGroupLimit(uint64_t downKBps);
+
+// A weekly plan with the same character at every hour.
+inline std::string WeekPlan(char c) { return std::string(168, c); }
+
+// A child named veskbandwidth, as the simulator tool is, that plays one
+// transfer and exits 0 when the simulation returned 0, else 1.
+pid_t ForkSimulator(const char *user, int protocol, int transferType, size_t size);
+
+// Replaces /usr/bin/killall (an overlay in the sandbox) by a stand-in that
+// appends its arguments to /tmp/killall.args, hangs up every process named by
+// its second argument and exits with `status` (2 unless asked for -sighup).
+void InstallKillallStandIn(int status = 0);
+
+// Enumerates a status file (or a temporary file) as an administration tool
+// does: every protocol and direction, one record per section.
+int EnumerateFile(const std::string &path);
 
 }  // namespace vbw
 
