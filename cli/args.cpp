@@ -9,9 +9,9 @@
 namespace cli {
 namespace {
 
-const OptionSpec *FindSpec(std::initializer_list<OptionSpec> descs, const std::string &name)
+const OptionDesc *FindOption(std::initializer_list<OptionDesc> descs, const std::string &name)
 {
-    for (const OptionSpec &desc : descs) {
+    for (const OptionDesc &desc : descs) {
         if (name == desc.name) {
             return &desc;
         }
@@ -34,7 +34,7 @@ bool AllDigits(const std::string &text)
 
 }  // namespace
 
-Args::Args(int argc, char **argv, std::initializer_list<OptionSpec> descs)
+Args::Args(int argc, char **argv, std::initializer_list<OptionDesc> descs)
 {
     bool optionsEnd = false;
     for (int i = 0; i < argc; ++i) {
@@ -56,7 +56,7 @@ Args::Args(int argc, char **argv, std::initializer_list<OptionSpec> descs)
             name.resize(eq);
             inlineValue = true;
         }
-        const OptionSpec *desc = FindSpec(descs, name);
+        const OptionDesc *desc = FindOption(descs, name);
         if (desc == nullptr) {
             throw UsageError("unknown option --" + name);
         }

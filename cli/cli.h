@@ -39,14 +39,14 @@ std::string LibraryErrorText();
 // ---------------------------------------------------------------------------
 // Arguments: "--name value", "--name=value", flags and positional arguments.
 
-struct OptionSpec {
+struct OptionDesc {
     const char *name;  // without the leading "--"
     bool takesValue;
 };
 
 class Args {
 public:
-    Args(int argc, char **argv, std::initializer_list<OptionSpec> descs);
+    Args(int argc, char **argv, std::initializer_list<OptionDesc> descs);
 
     bool Has(const std::string &name) const { return values_.count(name) != 0; }
     std::string Get(const std::string &name) const;  // "" when absent
@@ -126,7 +126,7 @@ private:
 // ---------------------------------------------------------------------------
 // Simulated transfers, run by the library's simulator in child processes.
 
-struct TransferSpec {
+struct TransferRequest {
     Owner user;
     int protocol;
     int direction;  // VESK_BW_TRANSFER_UPLOAD or VESK_BW_TRANSFER_DOWNLOAD
@@ -134,12 +134,12 @@ struct TransferSpec {
 
 // Starts VESKBandwidthSimulate in a child process: it is named veskbandwidth
 // like this one, so the simulator hangup reaches it.  Throws when it cannot fork.
-pid_t StartSimulator(const TransferSpec &desc, size_t kibibytes);
+pid_t StartSimulator(const TransferRequest &desc, size_t kibibytes);
 // The child's entry in its user's status file; false while it is not listed
 // (before its first save, or when its transfer is not limited).
-bool ReadSimulatorStatus(const TransferSpec &desc, pid_t pid, VESK_BANDWIDTH_STATUS *status);
+bool ReadSimulatorStatus(const TransferRequest &desc, pid_t pid, VESK_BANDWIDTH_STATUS *status);
 // Ends the child and removes its entries from the user's and groups' files.
-void StopSimulator(const TransferSpec &desc, pid_t pid);
+void StopSimulator(const TransferRequest &desc, pid_t pid);
 
 // ---------------------------------------------------------------------------
 // Commands: each takes the arguments after its own name and returns the exit status.

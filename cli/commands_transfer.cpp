@@ -20,12 +20,12 @@
 namespace cli {
 namespace {
 
-TransferSpec ParseTransferSpec(const Args &args)
+TransferRequest ParseTransferRequest(const Args &args)
 {
     if (!args.Has("user") || !args.Has("protocol")) {
         throw UsageError("give --user NAME|UID and --protocol NAME");
     }
-    TransferSpec parsed{ResolveUser(args.Get("user")), ParseProtocol(args.Get("protocol"), false),
+    TransferRequest parsed{ResolveUser(args.Get("user")), ParseProtocol(args.Get("protocol"), false),
                         VESK_BW_TRANSFER_DOWNLOAD};
     if (args.Has("direction")) {
         parsed.direction = ParseDirection(args.Get("direction"), false);
@@ -63,7 +63,7 @@ void DrawBar(bool seen, const VESK_BANDWIDTH_STATUS &s, uint64_t bytes)
               << ProgressText(seen, s, bytes) << "\x1b[K" << std::flush;
 }
 
-int WatchSimulation(const TransferSpec &desc, pid_t child, uint64_t bytes)
+int WatchSimulation(const TransferRequest &desc, pid_t child, uint64_t bytes)
 {
     CatchStopSignals();
     const bool terminal = IsTerminal(STDOUT_FILENO);
@@ -126,7 +126,7 @@ void CatchHangups()
 // registration to removal.
 class ThrottledTransfer {
 public:
-    ThrottledTransfer(const TransferSpec &a, const std::string &fileName) : direction_(a.direction)
+    ThrottledTransfer(const TransferRequest &a, const std::string &fileName) : direction_(a.direction)
     {
         time_ = VESKBandwidthCurrTimeGet();
         if (VESKBandwidthConfigGet(a.user.id, a.protocol, &config_) != 0) {
@@ -262,7 +262,7 @@ int RunSimulate(int argc, char **argv)
 {
     Args args(argc, argv, {{"user", true}, {"protocol", true}, {"direction", true}, {"size", true}});
     args.ExpectPositional(0, "");
-    TransferSpec a = ParseTransferSpec(args);
+    TransferRequest a = ParseTransferRequest(args);
     if (!args.Has("size")) {
         throw UsageError("missing --size SIZE");
     }
@@ -278,7 +278,7 @@ int RunCopy(int argc, char **argv)
 {
     Args args(argc, argv, {{"user", true}, {"protocol", true}, {"direction", true}});
     args.ExpectPositional(2, "SRC and DST (a file, or - for standard input or output)");
-    TransferSpec a = ParseTransferSpec(args);
+    TransferRequest a = ParseTransferRequest(args);
     Fd in(args.Positional()[0], false);
     Fd out(args.Positional()[1], true);
     const uint64_t size = in.RegularFileSize();

@@ -41,7 +41,7 @@ const int kProtocol = VESK_BW_PROTOCOL_FTP;
 const int kDefaultSeconds = 20;
 
 struct Runner {
-    TransferSpec desc;
+    TransferRequest desc;
     uint64_t ownLimitKBps;
     pid_t pid = -1;
     // The moments a new progress value was first seen: the first and the last.

@@ -15,7 +15,7 @@
 namespace cli {
 namespace {
 
-[[noreturn]] void RunSimulatorChild(const TransferSpec &desc, size_t kibibytes)
+[[noreturn]] void RunSimulatorChild(const TransferRequest &desc, size_t kibibytes)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGINT, SIG_IGN);  // Ctrl-C is the parent's: it ends the child and removes its entries
@@ -31,7 +31,7 @@ namespace {
 
 }  // namespace
 
-pid_t StartSimulator(const TransferSpec &desc, size_t kibibytes)
+pid_t StartSimulator(const TransferRequest &desc, size_t kibibytes)
 {
     std::fflush(nullptr);
     pid_t child = fork();
@@ -44,7 +44,7 @@ pid_t StartSimulator(const TransferSpec &desc, size_t kibibytes)
     return child;
 }
 
-bool ReadSimulatorStatus(const TransferSpec &desc, pid_t pid, VESK_BANDWIDTH_STATUS *status)
+bool ReadSimulatorStatus(const TransferRequest &desc, pid_t pid, VESK_BANDWIDTH_STATUS *status)
 {
     for (const Transfer &t : TransfersOfPid(desc.user.id, pid)) {
         if (t.status.transfer_type == desc.direction) {
@@ -55,7 +55,7 @@ bool ReadSimulatorStatus(const TransferSpec &desc, pid_t pid, VESK_BANDWIDTH_STA
     return false;
 }
 
-void StopSimulator(const TransferSpec &desc, pid_t pid)
+void StopSimulator(const TransferRequest &desc, pid_t pid)
 {
     kill(pid, SIGKILL);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {

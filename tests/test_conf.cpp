@@ -341,7 +341,7 @@ TEST_F(ConfTest, MalformedStoredValues)
 
 TEST_F(ConfTest, GlobalRecordDefaults)
 {
-    vbw::GlobalSpec settings;
+    vbw::GlobalSettings settings;
     settings.state = VESK_BW_STATE_NOTEXISTED;
     VESK_BANDWIDTH_GLOBAL_CONF expected = vbw::GlobalConf(VESK_BW_PROTOCOL_FTP, settings);
     VESK_BANDWIDTH_GLOBAL_CONF conf = Filled<VESK_BANDWIDTH_GLOBAL_CONF>(0xAB);

@@ -138,7 +138,7 @@ protected:
     {
         SandboxTest::SetUp();
         InstallKillallStandIn();
-        StoreGlobal(kFtp, GlobalSpec());
+        StoreGlobal(kFtp, GlobalSettings());
         // Survivors: fresh however long the test takes, with long file names
         // so that every rewrite takes a while.
         GroupConfig group;

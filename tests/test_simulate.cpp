@@ -61,7 +61,7 @@ protected:
     // Global ftp record with alice's own download limit.
     void LimitAlice(uint64_t downKBps)
     {
-        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, GlobalSpec()));
+        ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, GlobalSettings()));
         ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps));
     }
 };

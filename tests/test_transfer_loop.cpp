@@ -56,7 +56,7 @@ class SleepLoopTest : public ConfigTest {
 protected:
     // Global record enabled (user-first unless given), alice's own download limit.
     void Start(uint64_t downKBps, int state = VESK_BW_STATE_ENABLED, const std::string &plan = "",
-               const GlobalSpec &global = GlobalSpec())
+               const GlobalSettings &global = GlobalSettings())
     {
         ASSERT_NO_FATAL_FAILURE(StoreGlobal(kFtp, global));
         ASSERT_NO_FATAL_FAILURE(StoreLimit(VESK_BW_OWNER_USER, kAlice, kFtp, 0, downKBps, state, plan));
@@ -213,7 +213,7 @@ protected:
         ASSERT_EQ(2, config.iLimitCount);
         ASSERT_TRUE(HasEntry("user", kAlice, getpid()) && HasEntry("group", kUsers, getpid()));
     }
-    static GlobalSpec Policies(int userGroupPolicy, int state = VESK_BW_STATE_ENABLED)
+    static GlobalSettings Policies(int userGroupPolicy, int state = VESK_BW_STATE_ENABLED)
     {
         return {state, userGroupPolicy, VESK_BW_POLICY_MIN, VESK_BW_OCCUPY_ALL, ""};
     }

@@ -129,7 +129,7 @@ std::string Text(const VESK_BANDWIDTH_CONF &conf)
     return out.str() + " plan " + std::string(conf.szSchedulePlan, strnlen(conf.szSchedulePlan, sizeof(conf.szSchedulePlan)));
 }
 
-VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSpec &settings)
+VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSettings &settings)
 {
     VESK_BANDWIDTH_GLOBAL_CONF conf;
     memset(&conf, 0, sizeof(conf));
@@ -215,7 +215,7 @@ void FakeGroupList(const std::vector<std::string> *entries)
     g_fakeGroups = entries;
 }
 
-void StoreGlobal(int protocol, const GlobalSpec &settings)
+void StoreGlobal(int protocol, const GlobalSettings &settings)
 {
     VESK_BANDWIDTH_GLOBAL_CONF conf = GlobalConf(protocol, settings);
     ASSERT_EQ(0, VESKBandwidthGlobalConfSet(&conf));
@@ -230,7 +230,7 @@ void StoreLimit(int ownerType, unsigned id, int protocol, uint64_t upKBps, uint6
 
 void StoreUsersGroupLimit(uint64_t downKBps)
 {
-    GlobalSpec settings;
+    GlobalSettings settings;
     settings.userGroup = VESK_BW_POLICY_GROUP_ONLY;
     settings.occupy = VESK_BW_OCCUPY_ALL;
     StoreGlobal(kFtp, settings);

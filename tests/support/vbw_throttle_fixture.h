@@ -35,14 +35,14 @@ VESK_BANDWIDTH_CONF Conf(int ownerType, unsigned id, int protocol, uint64_t upKB
 VESK_BANDWIDTH_LIMIT Limit(int owner_type, unsigned id, uint64_t upload, uint64_t download,
                            int protocol = VESK_BW_PROTOCOL_FTP);
 
-struct GlobalSpec {
+struct GlobalSettings {
     int state = VESK_BW_STATE_ENABLED;
     int userGroup = VESK_BW_POLICY_USER_FIRST;
     int interGroup = VESK_BW_POLICY_MAX;
     int occupy = VESK_BW_OCCUPY_MAX;
     std::string plan;
 };
-VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSpec &settings = GlobalSpec());
+VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSettings &settings = GlobalSettings());
 
 // Alice's active ftp download by pid, saved now, of the file "/share/f<pid>".
 VESK_BANDWIDTH_STATUS Status(pid_t pid, uint64_t current = 1000, uint64_t expect = 2000);
@@ -128,7 +128,7 @@ void WriteConfFile(const std::string &file, const std::string &content);
 void FakeGroupList(const std::vector<std::string> *entries);
 
 // Stored through the library; rates in KB/s.
-void StoreGlobal(int protocol, const GlobalSpec &settings);
+void StoreGlobal(int protocol, const GlobalSettings &settings);
 void StoreLimit(int ownerType, unsigned id, int protocol, uint64_t upKBps, uint64_t downKBps,
                 int state = VESK_BW_STATE_ENABLED, const std::string &plan = "");
 // Group users limited to downKBps for ftp under group-only, every transfer occupying it.
