@@ -136,22 +136,22 @@ public:
         std::string base = "/tmp/cli-run-" + std::to_string(++serial);
         out_ = base + ".out";
         err_ = base + ".err";
-        pid_ = fork();
-        if (pid_ == 0) {
+        // Built before the fork: the child must not allocate (see vbw::Fork).
+        std::vector<char *> argv;
+        for (const std::string &arg : args) {
+            argv.push_back(const_cast<char *>(arg.c_str()));
+        }
+        argv.push_back(nullptr);
+        pid_ = vbw::Fork([&] {
             int fds[] = {open("/dev/null", O_RDONLY), open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644),
                          open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644)};
             for (int fd = 0; fd < 3; ++fd) {
                 dup2(fds[fd], fd);
             }
             setpgid(0, 0);
-            std::vector<char *> argv;
-            for (const std::string &arg : args) {
-                argv.push_back(const_cast<char *>(arg.c_str()));
-            }
-            argv.push_back(nullptr);
             execv(argv[0], argv.data());
-            _exit(127);
-        }
+            return 127;
+        });
     }
     ~Running()
     {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <future>
 #include <glob.h>
 #include <poll.h>
 #include <signal.h>
@@ -35,6 +36,13 @@ std::string StripSyslogPrefix(const std::string &datagram)
         }
     }
     return datagram.substr(start);
+}
+
+// Held by the log reader while it allocates and by Fork while it forks.
+std::mutex &ForkMutex()
+{
+    static std::mutex forkMutex;
+    return forkMutex;
 }
 
 }  // namespace
@@ -67,16 +75,23 @@ LogCapture::LogCapture()
         return;
     }
     // Children may log a lot; keep the socket drained so that they never block.
-    reader_ = std::thread([this] {
+    // The reader allocates only while it holds the fork lock (see Fork), and
+    // the constructor returns once the thread has started (its start-up
+    // allocates too).
+    std::promise<void> started;
+    reader_ = std::thread([this, &started] {
+        started.set_value();
         pollfd fds[2] = {{fd_, POLLIN, 0}, {wakePipe_[0], POLLIN, 0}};
         while (poll(fds, 2, -1) >= 0 || errno == EINTR) {
             if (fds[1].revents != 0) {
                 return;
             }
+            std::lock_guard<std::mutex> forkLock(ForkMutex());
             std::lock_guard<std::mutex> lock(mutex_);
             Drain();
         }
     });
+    started.get_future().wait();
 }
 
 LogCapture::~LogCapture()
@@ -265,7 +280,14 @@ bool WaitUntil(const std::function<bool()> &cond, int timeoutMs)
 
 pid_t Fork(const std::function<int()> &body)
 {
-    pid_t pid = fork();
+    // A child forked while the log reader is inside the allocator would find
+    // its lock held forever (the sanitizer's allocator is not reset in the
+    // child), so the reader is kept out of it for the moment of the fork.
+    pid_t pid;
+    {
+        std::lock_guard<std::mutex> forkLock(ForkMutex());
+        pid = fork();
+    }
     if (0 == pid) {
         _exit(body());
     }
