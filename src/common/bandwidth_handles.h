@@ -32,29 +32,21 @@ private:
     VLIBC_SZHASH *pHash_;
 };
 
-struct BwUserFree {
-    void operator()(VESK_USER *pUser) const { VESKUserFree(pUser); }
+/* Deleter of a unique_ptr that releases through the C function Release. */
+template <auto Release>
+struct BwRelease {
+    template <typename T>
+    void operator()(T *p) const
+    {
+        Release(p);
+    }
 };
-struct BwGroupFree {
-    void operator()(VESK_GROUP *pGroup) const { VESKGroupFree(pGroup); }
-};
-struct BwSzListFree {
-    void operator()(VLIBC_SZLIST *pList) const { VLIBCSzListFree(pList); }
-};
-struct BwFileClose {
-    void operator()(FILE *fp) const { fclose(fp); }
-};
-struct BwDirClose {
-    void operator()(DIR *pDir) const { closedir(pDir); }
-};
-struct BwFree {
-    void operator()(void *p) const { free(p); }
-};
-typedef std::unique_ptr<VESK_USER, BwUserFree> BwUserPtr;
-typedef std::unique_ptr<VESK_GROUP, BwGroupFree> BwGroupPtr;
-typedef std::unique_ptr<VLIBC_SZLIST, BwSzListFree> BwSzListPtr;
-typedef std::unique_ptr<FILE, BwFileClose> BwFilePtr;
-typedef std::unique_ptr<DIR, BwDirClose> BwDirPtr;
+using BwFree = BwRelease<free>;
+typedef std::unique_ptr<VESK_USER, BwRelease<VESKUserFree>> BwUserPtr;
+typedef std::unique_ptr<VESK_GROUP, BwRelease<VESKGroupFree>> BwGroupPtr;
+typedef std::unique_ptr<VLIBC_SZLIST, BwRelease<VLIBCSzListFree>> BwSzListPtr;
+typedef std::unique_ptr<FILE, BwRelease<fclose>> BwFilePtr;
+typedef std::unique_ptr<DIR, BwRelease<closedir>> BwDirPtr;
 
 /* Sets the process's file-creation mask for the scope, and back after it. */
 class BwUmaskScope {
