@@ -28,6 +28,24 @@
  *     if (!VESK_ARG_OK(NULL != pConf)) return -1; */
 #define VESK_ARG_OK(cond) vesk_arg_ok((cond) ? 1 : 0, #cond, __FILE_NAME__, __LINE__)
 
+/* The same check where the logged text of the condition is fixed and is not
+ * how the code would spell it:
+ *     if (!VESK_ARG_CHECK(UID_ERR != uid, "(uid_t)((uid_t) -1) != uid")) return -1; */
+#define VESK_ARG_CHECK(cond, text) vesk_arg_ok((cond) ? 1 : 0, (text), __FILE_NAME__, __LINE__)
+
+/* Where a log line or an error code is attributed.  A helper that several
+ * modules share takes its caller's site, so that what it logs or records
+ * names the calling module's file and line:
+ *     int Helper(VeskSite site) { ... VESK_LOG_AT(site, "...failed."); ... }
+ *     Helper(VESK_SITE); */
+struct VeskSite {
+    const char *szFile;
+    int iLine;
+};
+#define VESK_SITE (VeskSite{__FILE_NAME__, __LINE__})
+#define VESK_LOG_AT(site, fmt, ...) syslog(LOG_ERR, "%s:%d " fmt, (site).szFile, (site).iLine, ##__VA_ARGS__)
+#define VESK_ERR_SET_AT(site, code) VLIBCErrSetEx((code), (site).szFile, (site).iLine)
+
 static inline int vesk_arg_ok(int blHolds, const char *szCond, const char *szFile, int iLine)
 {
     if (blHolds) {
