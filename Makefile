@@ -37,7 +37,7 @@ test-asan: build-asan
 # the inputs they find and any crash file stay in $(FUZZ_BUILD).
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_FUZZ=ON \
-	    -DVESK_BUILD_TESTS=ON -DVESK_BUILD_BENCH=OFF $(CMAKE_ARGS)
+	    -DVESK_BUILD_TESTS=OFF -DVESK_BUILD_BENCH=OFF $(CMAKE_ARGS)
 	cmake --build $(FUZZ_BUILD) -j$(JOBS) --target vbw-sandbox fuzz_targets
 	@set -e; passed=0; for target in $(FUZZ_TARGETS); do \
 	    echo "fuzzing $$target for $(FUZZ_RUNS) inputs"; \

@@ -16,7 +16,6 @@ need make             command -v make
 need g++              command -v g++
 need gcc              command -v gcc
 need libgtest-dev     test -f /usr/include/gtest/gtest.h
-need libgmock-dev     test -f /usr/include/gmock/gmock.h
 need libbenchmark-dev test -f /usr/include/benchmark/benchmark.h
 need pv               command -v pv
 need psmisc           command -v killall

@@ -37,7 +37,7 @@ TEST_F(ArgumentTest, EveryEntryPointRefusesMissingArgumentsByTheirCondition)
         std::function<int()> call;
         const char *condition, *module;
     } cases[] = {
-        {[&] { return VLIBCSzHashSetValue(&none, "k", nullptr); }, "NULL != szValue", "vesk_hash"},
+        {[&] { return VLIBCSzHashSetValue(&none, "k", nullptr); }, "szValue != nullptr", "vesk_hash"},
         {[&] { return VESKBandwidthEnumToName(nullptr, 1, text, 16); }, "((void *)0) != enum_list", "bandwidth_enum"},
         {[&] { return VESKBandwidthEnumToName(VESK_BW_OWNER_TYPE_NAMES, 1, nullptr, 16); }, "((void *)0) != szProtocol",
          "bandwidth_enum"},

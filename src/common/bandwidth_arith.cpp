@@ -1,16 +1,16 @@
-/* Rate and time arithmetic of the throttle.  Times are microseconds, speeds
- * bytes per second, and a speed of 0 means unlimited: looser than any other
- * speed and absorbing in a sum.  Runs per chunk, so no allocation and no
- * system call besides the clock. */
+// Rate and time arithmetic of the throttle.  Times are microseconds, speeds
+// bytes per second, and a speed of 0 means unlimited: looser than any other
+// speed and absorbing in a sum.  Runs per chunk, so no allocation and no
+// system call besides the clock.
 #include <sys/time.h>
 
 #include "veskbandwidth.h"
 
-#define USEC_PER_SEC 1000000
-
 namespace {
 
-/* An interval of zero or less counts as one microsecond. */
+constexpr int64_t kUsPerSecond = 1000000;
+
+// An interval of zero or less counts as one microsecond.
 int64_t AtLeastOneUs(int64_t llElapsedUs)
 {
     return llElapsedUs > 0 ? llElapsedUs : 1;
@@ -21,13 +21,13 @@ int64_t AtLeastOneUs(int64_t llElapsedUs)
 int64_t VESKBandwidthCurrTimeGet(void)
 {
     struct timeval tv = {0, 0};
-    gettimeofday(&tv, NULL);
-    return (int64_t)tv.tv_sec * USEC_PER_SEC + tv.tv_usec;
+    gettimeofday(&tv, nullptr);
+    return (int64_t)tv.tv_sec * kUsPerSecond + tv.tv_usec;
 }
 
 uint64_t VESKBandwidthSpeedEstimate(int64_t llElapsedUs, uint64_t cbTransferred)
 {
-    return cbTransferred * USEC_PER_SEC / (uint64_t)AtLeastOneUs(llElapsedUs);
+    return cbTransferred * kUsPerSecond / (uint64_t)AtLeastOneUs(llElapsedUs);
 }
 
 int64_t VESKBandwidthSleepEstimate(int64_t llElapsedUs, uint64_t cbTransferred, int64_t llSpeedBps)
@@ -36,8 +36,8 @@ int64_t VESKBandwidthSleepEstimate(int64_t llElapsedUs, uint64_t cbTransferred, 
         return 0;
     }
     int64_t llElapsed = AtLeastOneUs(llElapsedUs);
-    /* The time the bytes should have taken at the allowed speed. */
-    int64_t llDueUs = (int64_t)(cbTransferred * USEC_PER_SEC) / llSpeedBps;
+    // The time the bytes should have taken at the allowed speed.
+    int64_t llDueUs = (int64_t)(cbTransferred * kUsPerSecond) / llSpeedBps;
     return llDueUs > llElapsed ? llDueUs - llElapsed : 0;
 }
 

@@ -1,9 +1,9 @@
-/* Enumeration names and add-on protocols.
- *
- * Every enumeration is stored in files by name.  A name table pairs values
- * and names; a value or name missing from a table may belong to an add-on
- * protocol, declared by a file NAME_NUMBER.json in the add-on directory.
- * Add-on answers are cached for the life of the process (misses are not). */
+// Enumeration names and add-on protocols.
+//
+// Every enumeration is stored in files by name.  A name table pairs values
+// and names; a value or name missing from a table may belong to an add-on
+// protocol, declared by a file NAME_NUMBER.json in the add-on directory.
+// Add-on answers are cached for the life of the process (misses are not).
 #include <glob.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,13 +19,13 @@ const VESK_BW_ENUM_ENTRY VESK_BW_OWNER_TYPE_NAMES[] = {
     {VESK_BW_OWNER_USER, "user"},
     {VESK_BW_OWNER_GROUP, "group"},
     {VESK_BW_OWNER_ALL, "all"},
-    {-1, NULL},
+    {-1, nullptr},
 };
 
 const VESK_BW_ENUM_ENTRY VESK_BW_TRANSFER_TYPE_NAMES[] = {
     {VESK_BW_TRANSFER_UPLOAD, "upload"},
     {VESK_BW_TRANSFER_DOWNLOAD, "download"},
-    {-1, NULL},
+    {-1, nullptr},
 };
 
 const VESK_BW_ENUM_ENTRY VESK_BW_PROTOCOL_TYPE_NAMES[] = {
@@ -34,7 +34,7 @@ const VESK_BW_ENUM_ENTRY VESK_BW_PROTOCOL_TYPE_NAMES[] = {
     {VESK_BW_PROTOCOL_FTP, "ftp"},
     {VESK_BW_PROTOCOL_RSYNC, "rsync"},
     {VESK_BW_PROTOCOL_ALL, "all"},
-    {-1, NULL},
+    {-1, nullptr},
 };
 
 const VESK_BW_ENUM_ENTRY VESK_BW_LIMIT_STATE_NAMES[] = {
@@ -42,7 +42,7 @@ const VESK_BW_ENUM_ENTRY VESK_BW_LIMIT_STATE_NAMES[] = {
     {VESK_BW_STATE_ENABLED, "enabled"},
     {VESK_BW_STATE_DISABLED, "disabled"},
     {VESK_BW_STATE_SCHEDULE, "schedule"},
-    {-1, NULL},
+    {-1, nullptr},
 };
 
 const VESK_BW_ENUM_ENTRY VESK_BW_USER_GROUP_POLICY_NAMES[] = {
@@ -53,14 +53,14 @@ const VESK_BW_ENUM_ENTRY VESK_BW_USER_GROUP_POLICY_NAMES[] = {
     {VESK_BW_POLICY_MIN, "min"},
     {VESK_BW_POLICY_MAX, "max"},
     {VESK_BW_POLICY_SUM, "sum"},
-    {-1, NULL},
+    {-1, nullptr},
 };
 
 const VESK_BW_ENUM_ENTRY VESK_BW_INTER_GROUP_POLICY_NAMES[] = {
     {VESK_BW_POLICY_MIN, "min"},
     {VESK_BW_POLICY_MAX, "max"},
     {VESK_BW_POLICY_SUM, "sum"},
-    {-1, NULL},
+    {-1, nullptr},
 };
 
 const VESK_BW_ENUM_ENTRY VESK_BW_OCCUPY_POLICY_NAMES[] = {
@@ -69,22 +69,23 @@ const VESK_BW_ENUM_ENTRY VESK_BW_OCCUPY_POLICY_NAMES[] = {
     {VESK_BW_OCCUPY_MIN, "min"},
     {VESK_BW_OCCUPY_MAX, "max"},
     {VESK_BW_OCCUPY_WEIGHTED, "weighted"},
-    {-1, NULL},
+    {-1, nullptr},
 };
 
 }  // extern "C"
 
-#define ADDON_DIR "/usr/vesk/etc/bandwidth/addon/"
-#define ADDON_CACHE_SIZE 64
-#define ADDON_PATTERN_SIZE 4096
-
 namespace {
 
-/* Process-wide add-on caches, created on first need and kept to the end. */
-VLIBC_SZHASH *g_pAddonNameByValue = NULL;
-VLIBC_SZHASH *g_pAddonValueByName = NULL;
+// The add-on directory; its patterns and paths keep the doubled '/' after it.
+constexpr char kAddonDir[] = "/usr/vesk/etc/bandwidth/addon/";
+constexpr int kAddonCacheSize = 64;
+constexpr size_t kAddonPatternSize = 4096;
 
-/* The paths that one glob call found, released on every way out. */
+// Process-wide add-on caches, created on first need and kept to the end.
+VLIBC_SZHASH *g_pAddonNameByValue = nullptr;
+VLIBC_SZHASH *g_pAddonValueByName = nullptr;
+
+// The paths that one glob call found, released on every way out.
 class GlobResult {
 public:
     GlobResult() { memset(&glob_, 0, sizeof(glob_)); }
@@ -92,7 +93,7 @@ public:
     GlobResult(const GlobResult &) = delete;
     GlobResult &operator=(const GlobResult &) = delete;
 
-    int Expand(const char *szPattern) { return glob(szPattern, 0, NULL, &glob_); }
+    int Expand(const char *szPattern) { return glob(szPattern, 0, nullptr, &glob_); }
     size_t Count() const { return glob_.gl_pathc; }
     const char *Path() const { return glob_.gl_pathv[0]; }
 
@@ -100,13 +101,13 @@ private:
     glob_t glob_;
 };
 
-/* Stores a pair into a cache, creating the cache first when needed.  A cache
- * that cannot be created only costs the caching. */
+// Stores a pair into a cache, creating the cache first when needed.  A cache
+// that cannot be created only costs the caching.
 void AddonCacheStore(VLIBC_SZHASH **ppCache, const char *szKey, const char *szValue)
 {
-    if (NULL == *ppCache) {
-        *ppCache = VLIBCSzHashAlloc(ADDON_CACHE_SIZE);
-        if (NULL == *ppCache) {
+    if (*ppCache == nullptr) {
+        *ppCache = VLIBCSzHashAlloc(kAddonCacheSize);
+        if (*ppCache == nullptr) {
             VESK_LOG("malloc failed");
             return;
         }
@@ -116,12 +117,12 @@ void AddonCacheStore(VLIBC_SZHASH **ppCache, const char *szKey, const char *szVa
 
 const char *AddonCacheGet(const VLIBC_SZHASH *pCache, const char *szKey)
 {
-    return NULL == pCache ? NULL : VLIBCSzHashGetValue(pCache, szKey);
+    return pCache == nullptr ? nullptr : VLIBCSzHashGetValue(pCache, szKey);
 }
 
-/* Looks for the one add-on file that matches szPattern; szWhat names the
- * search in the messages ("iProtocol=16", "protocol=my").  1: found, its path
- * in found; 0: nothing; -1: failure, logged. */
+// Looks for the one add-on file that matches szPattern; szWhat names the
+// search in the messages ("iProtocol=16", "protocol=my").  1: found, its path
+// in found; 0: nothing; -1: failure, logged.
 int AddonFind(GlobResult &found, const char *szPattern, const char *szWhat)
 {
     if (0 != found.Expand(szPattern)) {
@@ -140,13 +141,13 @@ int AddonFind(GlobResult &found, const char *szPattern, const char *szWhat)
     return 1;
 }
 
-/* The last cBegin and the last cEnd of an add-on path, between which its name
- * or number stands: 0, or -1 when either is missing. */
+// The last cBegin and the last cEnd of an add-on path, between which its name
+// or number stands: 0, or -1 when either is missing.
 int AddonPathSplit(const char *szPath, char cBegin, char cEnd, const char **ppBegin, const char **ppEnd)
 {
     *ppBegin = strrchr(szPath, cBegin);
     *ppEnd = strrchr(szPath, cEnd);
-    if (NULL == *ppBegin || NULL == *ppEnd) {
+    if (*ppBegin == nullptr || *ppEnd == nullptr) {
         VESK_LOG("bad path format, path=%s", szPath);
         VESK_ERR_SET(BW_ERR_ADDON_BAD_PATH);
         return -1;
@@ -165,11 +166,11 @@ int AddonBadParameter()
 
 int VESKBandwidthEnumToName(const VESK_BW_ENUM_ENTRY *enum_list, int iValue, char *szProtocol, int cbProtocol)
 {
-    if (!VESK_ARG_OK(((void *)0) != enum_list) || !VESK_ARG_OK(((void *)0) != szProtocol) ||
-        !VESK_ARG_OK(cbProtocol > 0)) {
+    if (!VESK_ARG_CHECK(enum_list != nullptr, "((void *)0) != enum_list") ||
+        !VESK_ARG_CHECK(szProtocol != nullptr, "((void *)0) != szProtocol") || !VESK_ARG_OK(cbProtocol > 0)) {
         return -1;
     }
-    for (const VESK_BW_ENUM_ENTRY *pEntry = enum_list; NULL != pEntry->szName; ++pEntry) {
+    for (const VESK_BW_ENUM_ENTRY *pEntry = enum_list; pEntry->szName != nullptr; ++pEntry) {
         if (pEntry->iValue == iValue) {
             snprintf(szProtocol, (size_t)cbProtocol, "%s", pEntry->szName);
             return 1;
@@ -190,10 +191,11 @@ int VESKBandwidthEnumToName(const VESK_BW_ENUM_ENTRY *enum_list, int iValue, cha
 
 int VESKBandwidthEnumToValue(const VESK_BW_ENUM_ENTRY *enum_list, const char *szName)
 {
-    if (!VESK_ARG_OK(((void *)0) != enum_list) || !VESK_ARG_OK(NULL != szName)) {
+    if (!VESK_ARG_CHECK(enum_list != nullptr, "((void *)0) != enum_list") ||
+        !VESK_ARG_CHECK(szName != nullptr, "NULL != szName")) {
         return -1;
     }
-    for (const VESK_BW_ENUM_ENTRY *pEntry = enum_list; NULL != pEntry->szName; ++pEntry) {
+    for (const VESK_BW_ENUM_ENTRY *pEntry = enum_list; pEntry->szName != nullptr; ++pEntry) {
         if (0 == strcmp(pEntry->szName, szName)) {
             return pEntry->iValue;
         }
@@ -211,27 +213,27 @@ int VESKBandwidthEnumToValue(const VESK_BW_ENUM_ENTRY *enum_list, const char *sz
 
 int VESKBandwidthEnumToNameAddon(int iProtocol, char *szName, size_t cbName)
 {
-    if (NULL == szName || 0 == cbName) {
+    if (szName == nullptr || 0 == cbName) {
         return AddonBadParameter();
     }
     char szKey[16];
     snprintf(szKey, sizeof(szKey), "%d", iProtocol);
     const char *szCached = AddonCacheGet(g_pAddonNameByValue, szKey);
-    if (NULL != szCached) {
+    if (szCached != nullptr) {
         snprintf(szName, cbName, "%s", szCached);
         return 1;
     }
 
-    char szPattern[ADDON_PATTERN_SIZE];
+    char szPattern[kAddonPatternSize];
     char szWhat[32];
-    snprintf(szPattern, sizeof(szPattern), ADDON_DIR "/*_%d.json", iProtocol);
+    snprintf(szPattern, sizeof(szPattern), "%s/*_%d.json", kAddonDir, iProtocol);
     snprintf(szWhat, sizeof(szWhat), "iProtocol=%d", iProtocol);
     GlobResult found;
     int iRet = AddonFind(found, szPattern, szWhat);
     if (iRet < 1) {
         return iRet;
     }
-    /* NAME_NUMBER.json: the name runs from the last '/' to the last '_'. */
+    // NAME_NUMBER.json: the name runs from the last '/' to the last '_'.
     const char *pSlash;
     const char *pUnderscore;
     if (0 != AddonPathSplit(found.Path(), '/', '_', &pSlash, &pUnderscore)) {
@@ -244,30 +246,30 @@ int VESKBandwidthEnumToNameAddon(int iProtocol, char *szName, size_t cbName)
 
 int VESKBandwidthEnumToValueAddon(const char *szName)
 {
-    if (NULL == szName || '\0' == szName[0]) {
+    if (szName == nullptr || '\0' == szName[0]) {
         return AddonBadParameter();
     }
     const char *szCached = AddonCacheGet(g_pAddonValueByName, szName);
-    if (NULL != szCached) {
-        return (int)strtol(szCached, NULL, 10);
+    if (szCached != nullptr) {
+        return (int)strtol(szCached, nullptr, 10);
     }
 
-    char szPattern[ADDON_PATTERN_SIZE];
-    char szWhat[ADDON_PATTERN_SIZE];
-    snprintf(szPattern, sizeof(szPattern), ADDON_DIR "/%s_*.json", szName);
+    char szPattern[kAddonPatternSize];
+    char szWhat[kAddonPatternSize];
+    snprintf(szPattern, sizeof(szPattern), "%s/%s_*.json", kAddonDir, szName);
     snprintf(szWhat, sizeof(szWhat), "protocol=%s", szName);
     GlobResult found;
     int iRet = AddonFind(found, szPattern, szWhat);
     if (iRet < 1) {
         return iRet;
     }
-    /* NAME_NUMBER.json: the number runs from the last '_' to the last '.'. */
+    // NAME_NUMBER.json: the number runs from the last '_' to the last '.'.
     const char *pUnderscore;
     const char *pDot;
     if (0 != AddonPathSplit(found.Path(), '_', '.', &pUnderscore, &pDot)) {
         return -1;
     }
-    int iProtocol = (int)strtol(pUnderscore + 1, NULL, 10);
+    int iProtocol = (int)strtol(pUnderscore + 1, nullptr, 10);
     char szValue[16];
     snprintf(szValue, sizeof(szValue), "%d", iProtocol);
     AddonCacheStore(&g_pAddonValueByName, szName, szValue);
@@ -282,6 +284,6 @@ int VESKBandwidthGetAddonConfigPath(int iProtocol, char *szPath, size_t cbPath)
         VESK_LOG("VESKBandwidthEnumToNameAddon failed");
         return -1;
     }
-    snprintf(szPath, cbPath, ADDON_DIR "/%s_%d.json", szName, iProtocol);
+    snprintf(szPath, cbPath, "%s/%s_%d.json", kAddonDir, szName, iProtocol);
     return 0;
 }

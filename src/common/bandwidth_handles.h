@@ -1,6 +1,6 @@
-/* Owned handles of platform and C library resources, released with their
- * scope, so that every path out of a function releases what it took.
- * Internal to the library. */
+// Owned handles of platform and C library resources, released with their
+// scope, so that every path out of a function releases what it took.
+// Internal to the library.
 #ifndef BANDWIDTH_HANDLES_H
 #define BANDWIDTH_HANDLES_H
 
@@ -15,8 +15,8 @@
 #include "vesk_account.h"
 #include "vesk_hash.h"
 
-/* A string hash owned by one call.  Calls that take the hash's address may
- * move it; they are given Addr(). */
+// A string hash owned by one call.  Calls that take the hash's address may
+// move it; they are given Addr().
 class BwHash {
 public:
     explicit BwHash(int iSize = 1024) : pHash_(VLIBCSzHashAlloc(iSize)) {}
@@ -24,7 +24,7 @@ public:
     BwHash(const BwHash &) = delete;
     BwHash &operator=(const BwHash &) = delete;
 
-    explicit operator bool() const { return NULL != pHash_; }
+    explicit operator bool() const { return pHash_ != nullptr; }
     VLIBC_SZHASH *Get() const { return pHash_; }
     VLIBC_SZHASH **Addr() { return &pHash_; }
 
@@ -32,7 +32,7 @@ private:
     VLIBC_SZHASH *pHash_;
 };
 
-/* Deleter of a unique_ptr that releases through the C function Release. */
+// Deleter of a unique_ptr that releases through the C function Release.
 template <auto Release>
 struct BwRelease {
     template <typename T>
@@ -42,13 +42,13 @@ struct BwRelease {
     }
 };
 using BwFree = BwRelease<free>;
-typedef std::unique_ptr<VESK_USER, BwRelease<VESKUserFree>> BwUserPtr;
-typedef std::unique_ptr<VESK_GROUP, BwRelease<VESKGroupFree>> BwGroupPtr;
-typedef std::unique_ptr<VLIBC_SZLIST, BwRelease<VLIBCSzListFree>> BwSzListPtr;
-typedef std::unique_ptr<FILE, BwRelease<fclose>> BwFilePtr;
-typedef std::unique_ptr<DIR, BwRelease<closedir>> BwDirPtr;
+using BwUserPtr = std::unique_ptr<VESK_USER, BwRelease<VESKUserFree>>;
+using BwGroupPtr = std::unique_ptr<VESK_GROUP, BwRelease<VESKGroupFree>>;
+using BwSzListPtr = std::unique_ptr<VLIBC_SZLIST, BwRelease<VLIBCSzListFree>>;
+using BwFilePtr = std::unique_ptr<FILE, BwRelease<fclose>>;
+using BwDirPtr = std::unique_ptr<DIR, BwRelease<closedir>>;
 
-/* Sets the process's file-creation mask for the scope, and back after it. */
+// Sets the process's file-creation mask for the scope, and back after it.
 class BwUmaskScope {
 public:
     explicit BwUmaskScope(mode_t mask) : previous_(umask(mask)) {}
@@ -58,31 +58,6 @@ public:
 
 private:
     mode_t previous_;
-};
-
-/* The account of an owner, user or group, for its name.  The lookups log
- * nothing: false leaves the platform's error. */
-class BwOwnerAccount {
-public:
-    bool User(uid_t uid)
-    {
-        VESK_USER *pUser = NULL;
-        bool found = VESKUserGetByUID(uid, &pUser) >= 0 && NULL != pUser;
-        user_.reset(pUser);
-        return found;
-    }
-    bool Group(gid_t gid)
-    {
-        VESK_GROUP *pGroup = NULL;
-        bool found = VESKGroupGetByGID(gid, &pGroup) >= 0 && NULL != pGroup;
-        group_.reset(pGroup);
-        return found;
-    }
-    const char *Name() const { return user_ ? user_->szName : group_ ? group_->szName : ""; }
-
-private:
-    BwUserPtr user_;
-    BwGroupPtr group_;
 };
 
 #endif

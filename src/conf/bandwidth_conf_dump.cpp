@@ -1,24 +1,16 @@
-/* Prints limit records as fixed-width text rows, with names for the
- * enumerations and the owner's account name. */
+// Prints limit records as fixed-width text rows, with names for the
+// enumerations and the owner's account name.
 #include <stdio.h>
 
 #include "bandwidth_conf_store.h"
+#include "common/bandwidth_user_groups.h"
 #include "veskbandwidth.h"
 #include "vesk_log.h"
 
-const char *BandwidthConfDumpText(const VLIBC_SZHASH *pHash, const char *szKey, int iValue, char *szBuf,
-                                  size_t cbBuf)
-{
-    const char *szText = VLIBCSzHashGetValue(pHash, szKey);
-    if (NULL != szText) {
-        return szText;
-    }
-    snprintf(szBuf, cbBuf, "unknown(%d)", iValue);
-    return szBuf;
-}
+namespace {
 
-/* Looks the record's owner up by its owner type: 0, or -1 (logged). */
-static int ConfDumpOwnerGet(const VESK_BANDWIDTH_CONF *pConf, BwOwnerAccount &owner)
+// Looks the record's owner up by its owner type: 0, or -1 (logged).
+int ConfDumpOwnerGet(const VESK_BANDWIDTH_CONF *pConf, BwOwnerAccount &owner)
 {
     switch (pConf->iOwnerType) {
     case VESK_BW_OWNER_USER:
@@ -40,9 +32,11 @@ static int ConfDumpOwnerGet(const VESK_BANDWIDTH_CONF *pConf, BwOwnerAccount &ow
     }
 }
 
+}  // namespace
+
 int VESKBandwidthConfDumpHeader(FILE *fp)
 {
-    if (!VESK_ARG_OK(((void *)0) != fp)) {
+    if (!VESK_ARG_CHECK(fp != nullptr, "((void *)0) != fp")) {
         return -1;
     }
     fprintf(fp, "%10s %20s %5s %20s %10s %10s\n", "State", "Protocol", "Type", "Name", "U/L rate(KB/s)",
@@ -52,7 +46,7 @@ int VESKBandwidthConfDumpHeader(FILE *fp)
 
 int VESKBandwidthConfDump(FILE *fp, const VESK_BANDWIDTH_CONF *pConf)
 {
-    if (!VESK_ARG_OK(((void *)0) != fp) || !VESK_ARG_OK(NULL != pConf)) {
+    if (!VESK_ARG_CHECK(fp != nullptr, "((void *)0) != fp") || !VESK_ARG_CHECK(pConf != nullptr, "NULL != pConf")) {
         return -1;
     }
     BwOwnerAccount owner;
@@ -60,7 +54,7 @@ int VESKBandwidthConfDump(FILE *fp, const VESK_BANDWIDTH_CONF *pConf)
         return -1;
     }
     BwHash hash(1024);
-    if (BW_CONF_HASH_FILL(hash, VESKBandwidthInitHashFromConf, pConf) < 0) {
+    if (BandwidthConfHashFill(hash, VESKBandwidthInitHashFromConf, pConf, VESK_SITE) < 0) {
         return -1;
     }
     char szState[32], szProtocol[32], szOwnerType[32];

@@ -1,30 +1,17 @@
-/* Reads the limit of one user or group for one protocol from its limit file. */
+// Reads the limit of one user or group for one protocol from its limit file.
 #include <stdio.h>
 #include <string.h>
 
 #include "bandwidth_conf_store.h"
+#include "common/bandwidth_enum_name.h"
 #include "veskbandwidth.h"
-#include "vesk_file.h"
 #include "vesk_log.h"
 
-int BandwidthConfSectionLoad(const char *szPath, const char *szSection, VLIBC_SZHASH **ppHash,
-                             const char *szFile, int iLine)
-{
-    if (0 == VLIBCFileExist(szPath)) {
-        return 0;
-    }
-    int ret = VLIBCFileGetSection(szPath, szSection, ppHash);
-    if (ret < 0) {
-        BW_CONF_LOG_AT(szFile, iLine, "Get section [%s] from [%s] failed. [0x%04X %s:%d]", szSection, szPath,
-                       VESK_ERR_ARGS);
-        return -1;
-    }
-    return ret > 0 ? 1 : 0;
-}
+namespace {
 
-/* What a limit that was never stored reads as. Slots 0 and 3 of the rate
- * arrays carry nothing and are left alone. */
-static void ConfDefaultsSet(VESK_BANDWIDTH_CONF *pConf, int owner_type, unsigned int id, int protocol_type)
+// What a limit that was never stored reads as.  Slots 0 and 3 of the rate
+// arrays carry nothing and are left alone.
+void ConfDefaultsSet(VESK_BANDWIDTH_CONF *pConf, int owner_type, unsigned int id, int protocol_type)
 {
     pConf->id = id;
     pConf->iCurState = VESK_BW_STATE_NOTEXISTED;
@@ -39,12 +26,15 @@ static void ConfDefaultsSet(VESK_BANDWIDTH_CONF *pConf, int owner_type, unsigned
     memset(pConf->szSchedulePlan, 0, sizeof(pConf->szSchedulePlan));
 }
 
+}  // namespace
+
 int VESKBandwidthConfGetByID(int owner_type, unsigned int id, int protocol_type, VESK_BANDWIDTH_CONF *pConf)
 {
-    if (!VESK_ARG_OK((0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type) || !VESK_ARG_OK(NULL != pConf)) {
+    if (!VESK_ARG_CHECK(VESK_BW_PROTOCOL_ALL != protocol_type, "(0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type") ||
+        !VESK_ARG_CHECK(pConf != nullptr, "NULL != pConf")) {
         return -1;
     }
-    char szPath[BW_CONF_PATH_SIZE];
+    char szPath[kConfPathSize];
     if (VESKBandwidthConfPath(protocol_type, szPath, sizeof(szPath) - 1) < 0) {
         VESK_LOG("VESKBandwidthConfPath failed for protocol [%d] [0x%04X %s:%d]", protocol_type, VESK_ERR_ARGS);
         return -1;
@@ -56,13 +46,14 @@ int VESKBandwidthConfGetByID(int owner_type, unsigned int id, int protocol_type,
     }
     ConfDefaultsSet(pConf, owner_type, id, protocol_type);
 
-    char szOwner[BW_CONF_NAME_SIZE];
-    if (!BandwidthConfEnumName(VESK_BW_OWNER_TYPE_NAMES, owner_type, szOwner)) {
+    char szOwner[kConfNameSize];
+    if (!BandwidthEnumName(VESK_BW_OWNER_TYPE_NAMES, owner_type, szOwner, sizeof(szOwner))) {
+        // The fixed text says "id=" although it prints the owner type.
         VESK_LOG("VESKBandwidthEnumToName failed, id=%d", owner_type);
         return -1;
     }
-    char szSection[BW_CONF_SECTION_SIZE];
+    char szSection[kConfSectionSize];
     snprintf(szSection, sizeof(szSection), "%s-%u", szOwner, id);
 
-    return BW_CONF_SECTION_READ(szPath, szSection, hash, VESKBandwidthInitConfFromHash, pConf);
+    return BandwidthConfSectionRead(szPath, szSection, hash, VESKBandwidthInitConfFromHash, pConf, VESK_SITE);
 }

@@ -1,12 +1,15 @@
-/* Reads the global record of one protocol from the global configuration file. */
+// Reads the global record of one protocol from the global configuration file.
 #include <string.h>
 
 #include "bandwidth_conf_store.h"
+#include "common/bandwidth_enum_name.h"
 #include "veskbandwidth.h"
 #include "vesk_log.h"
 
-/* What a protocol without a stored global record reads as. */
-static void GlobalConfDefaultsSet(VESK_BANDWIDTH_GLOBAL_CONF *pConf, int protocol_type)
+namespace {
+
+// What a protocol without a stored global record reads as.
+void GlobalConfDefaultsSet(VESK_BANDWIDTH_GLOBAL_CONF *pConf, int protocol_type)
 {
     pConf->iCurState = VESK_BW_STATE_DISABLED;
     pConf->iState = VESK_BW_STATE_NOTEXISTED;
@@ -17,12 +20,15 @@ static void GlobalConfDefaultsSet(VESK_BANDWIDTH_GLOBAL_CONF *pConf, int protoco
     memset(pConf->szSchedulePlan, 0, sizeof(pConf->szSchedulePlan));
 }
 
+}  // namespace
+
 int VESKBandwidthGlobalConfGet(int protocol_type, VESK_BANDWIDTH_GLOBAL_CONF *pConf)
 {
-    if (!VESK_ARG_OK((0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type) || !VESK_ARG_OK(NULL != pConf)) {
+    if (!VESK_ARG_CHECK(VESK_BW_PROTOCOL_ALL != protocol_type, "(0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type") ||
+        !VESK_ARG_CHECK(pConf != nullptr, "NULL != pConf")) {
         return -1;
     }
-    char szPath[BW_CONF_PATH_SIZE];
+    char szPath[kConfPathSize];
     if (VESKBandwidthConfPath(VESK_BW_PROTOCOL_ALL, szPath, sizeof(szPath) - 1) < 0) {
         VESK_LOG("VESKBandwidthConfPath failed for global config [0x%04X %s:%d]", VESK_ERR_ARGS);
         return -1;
@@ -33,11 +39,10 @@ int VESKBandwidthGlobalConfGet(int protocol_type, VESK_BANDWIDTH_GLOBAL_CONF *pC
     }
     GlobalConfDefaultsSet(pConf, protocol_type);
 
-    char szProtocol[BW_CONF_NAME_SIZE]; /* also the section name */
-    if (!BandwidthConfEnumName(VESK_BW_PROTOCOL_TYPE_NAMES, protocol_type, szProtocol)) {
+    char szProtocol[kConfNameSize];  // also the section name
+    if (!BandwidthEnumName(VESK_BW_PROTOCOL_TYPE_NAMES, protocol_type, szProtocol, sizeof(szProtocol))) {
         VESK_LOG("VESKBandwidthEnumToName failed, protocol_type=%d", protocol_type);
         return -1;
     }
-
-    return BW_CONF_SECTION_READ(szPath, szProtocol, hash, VESKBandwidthInitGlobalConfFromHash, pConf);
+    return BandwidthConfSectionRead(szPath, szProtocol, hash, VESKBandwidthInitGlobalConfFromHash, pConf, VESK_SITE);
 }

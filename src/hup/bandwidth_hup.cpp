@@ -1,6 +1,6 @@
-/* Reload notification: the senders that wake every family of transferring
- * services after limits changed, and the receiver that rebuilds a transfer's
- * configuration between two chunks. */
+// Reload notification: the senders that wake every family of transferring
+// services after limits changed, and the receiver that rebuilds a transfer's
+// configuration between two chunks.
 #include <ctype.h>
 #include <dirent.h>
 #include <signal.h>
@@ -17,8 +17,8 @@
 
 namespace {
 
-/* Web API names that the web file manager's transfer workers carry in their
- * first argument, in the order they are searched. */
+// Web API names that the web file manager's transfer workers carry in their
+// first argument, in the order they are searched.
 const char *const kLanternpostApis[] = {
     "VESK.Lanternpost.Download",
     "VESK.Lanternpost.Upload",
@@ -28,9 +28,9 @@ const char *const kLanternpostApis[] = {
 
 const char kWebDAVPidFile[] = "/run/httpd/httpd-webdav.pid";
 
-/* True when the first argument of the process's command line names one of
- * the worker APIs. Arguments are NUL-separated, so only the text before the
- * first NUL of the first 127 bytes is searched. */
+// True when the first argument of the process's command line names one of
+// the worker APIs. Arguments are NUL-separated, so only the text before the
+// first NUL of the first 127 bytes is searched.
 bool HupIsLanternpostWorker(const char *szPid)
 {
     char szPath[256];
@@ -41,11 +41,11 @@ bool HupIsLanternpostWorker(const char *szPid)
     }
     char szLine[128];
     memset(szLine, 0, sizeof(szLine));
-    if (NULL == fgets(szLine, sizeof(szLine), fp.get())) {
+    if (fgets(szLine, sizeof(szLine), fp.get()) == nullptr) {
         return false;
     }
     for (const char *szApi : kLanternpostApis) {
-        if (NULL != strstr(szLine, szApi)) {
+        if (strstr(szLine, szApi) != nullptr) {
             return true;
         }
     }
@@ -61,13 +61,13 @@ void VESKBandwidthHupLanternpost(void)
         return;
     }
     struct dirent *pEntry;
-    while (NULL != (pEntry = readdir(pDir.get()))) {
+    while ((pEntry = readdir(pDir.get())) != nullptr) {
         if (!isdigit((unsigned char)pEntry->d_name[0])) {
             continue;
         }
         if (HupIsLanternpostWorker(pEntry->d_name)) {
-            /* A worker that ended meanwhile makes kill fail; that is harmless. */
-            (void)kill((pid_t)strtol(pEntry->d_name, NULL, 10), SIGHUP);
+            // A worker that ended meanwhile makes kill fail; that is harmless.
+            (void)kill((pid_t)strtol(pEntry->d_name, nullptr, 10), SIGHUP);
         }
     }
 }
@@ -83,16 +83,16 @@ int VESKBandwidthHupWebDAV(void)
 
 int VESKBandwidthHupSimulator(void)
 {
-    return VLIBCExec("/usr/bin/killall", "-sighup", "veskbandwidth", NULL, NULL);
+    return VLIBCExec("/usr/bin/killall", "-sighup", "veskbandwidth", nullptr, nullptr);
 }
 
-/* ---- Reload receiver ---------------------------------------------------- */
+// ---- Reload receiver ----------------------------------------------------
 
 namespace {
 
-/* False when the new configuration no longer limits the transfer: limiting
- * is off for the protocol, no limit record is in force, or the configured
- * rates leave the direction unlimited.  A failed estimate counts as limited. */
+// False when the new configuration no longer limits the transfer: limiting
+// is off for the protocol, no limit record is in force, or the configured
+// rates leave the direction unlimited.  A failed estimate counts as limited.
 bool HupStillLimited(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type)
 {
     if (VESK_BW_STATE_DISABLED == pConfig->globalConf.iCurState ||
@@ -108,12 +108,12 @@ bool HupStillLimited(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type)
 
 int VESKBandwidthHupRecv(VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *pStatus, int64_t *pTime)
 {
-    if (!VESK_ARG_OK(((void *)0) != pConfig) || !VESK_ARG_OK(((void *)0) != pStatus) ||
-        !VESK_ARG_OK(NULL != pTime)) {
+    if (!VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") || !VESK_ARG_CHECK(pStatus != nullptr, "((void *)0) != pStatus") ||
+        !VESK_ARG_CHECK(pTime != nullptr, "NULL != pTime")) {
         return -1;
     }
     uid_t uid = pConfig->uid;
-    /* The sleep loop measures afresh from the reload. */
+    // The sleep loop measures afresh from the reload.
     *pTime = VESKBandwidthCurrTimeGet();
 
     uint32_t groups[BW_OCC_GROUPS_MAX];
@@ -122,10 +122,11 @@ int VESKBandwidthHupRecv(VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *
         VESK_LOG("VESKBandwidthOccGroupsGet failed. uid:[%u] [0x%04X %s:%d]", (unsigned int)uid, VESK_ERR_ARGS);
         return -1;
     }
-    /* The next save writes the copies for the groups that the new
-     * configuration occupies. */
+    // The next save writes the copies for the groups that the new
+    // configuration occupies.
     if (iOccGroups > 0 &&
         0 != VESKBandwidthStatusRemoveByOccGroups(groups, iOccGroups, (unsigned int)pStatus->transfer_type)) {
+        // The fixed text names VESKBandwidthStatusRemove for the removal from the occupied groups.
         VESK_LOG("VESKBandwidthStatusRemove failed. uid:[%u] [0x%04X %s:%d]", (unsigned int)uid, VESK_ERR_ARGS);
         return -1;
     }
@@ -138,7 +139,7 @@ int VESKBandwidthHupRecv(VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *
         return -1;
     }
     if (!HupStillLimited(&newConfig, pStatus->transfer_type)) {
-        /* Best effort: an entry left behind ages out of the status files. */
+        // Best effort: an entry left behind ages out of the status files.
         (void)VESKBandwidthStatusRemove(pConfig, (unsigned int)pStatus->transfer_type);
     }
     VESKBandwidthConfigFree(pConfig);

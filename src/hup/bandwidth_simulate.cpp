@@ -1,8 +1,8 @@
-/* A throttled transfer played without data: it registers a transfer of a
- * user, runs the sleep loop chunk by chunk exactly as a service would,
- * reloads its limits on SIGHUP and removes the transfer at the end.  The tool
- * that runs it is the process named veskbandwidth that the simulator hangup
- * signals. */
+// A throttled transfer played without data: it registers a transfer of a
+// user, runs the sleep loop chunk by chunk exactly as a service would,
+// reloads its limits on SIGHUP and removes the transfer at the end.  The tool
+// that runs it is the process named veskbandwidth that the simulator hangup
+// signals.
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -14,14 +14,14 @@
 
 namespace {
 
-/* Set by the SIGHUP handler, cleared by the transfer loop before it reloads. */
+// Set by the SIGHUP handler, cleared by the transfer loop before it reloads.
 volatile sig_atomic_t g_blReload = 0;
 
-/* Each pass moves 64 units of 1024 bytes. */
+// Each pass moves 64 units of 1024 bytes.
 const size_t kChunkUnits = 64;
 const uint64_t kChunkBytes = 0x10000;
 
-/* Name buffer of the simulated file. */
+// Name buffer of the simulated file.
 const size_t kFileNameSize = 4095;
 
 void SimulateHupHandler(int)
@@ -29,7 +29,7 @@ void SimulateHupHandler(int)
     g_blReload = 1;
 }
 
-/* The handler only raises the flag; SIGHUP is blocked while it runs. */
+// The handler only raises the flag; SIGHUP is blocked while it runs.
 void SimulateHupInstall(void)
 {
     struct sigaction action;
@@ -38,22 +38,22 @@ void SimulateHupInstall(void)
     sigemptyset(&action.sa_mask);
     sigaddset(&action.sa_mask, SIGHUP);
     action.sa_flags = 0;
-    sigaction(SIGHUP, &action, NULL);
+    sigaction(SIGHUP, &action, nullptr);
 }
 
-/* Progress of done units out of size, in 1/10000. */
+// Progress of done units out of size, in 1/10000.
 uint32_t SimulateProgress(size_t done, size_t size)
 {
     return (uint32_t)(uint64_t)((double)(uint64_t)done * 10000.0 / (double)(uint64_t)size);
 }
 
-/* One simulated transfer on the caller's configuration record, which the
- * caller releases whatever the outcome. */
+// One simulated transfer on the caller's configuration record, which the
+// caller releases whatever the outcome.
 int SimulateTransfer(const char *szUserName, int protocol_type, int transfer_type, size_t size,
                      VESK_BANDWIDTH_CONFIG *pConfig)
 {
-    uid_t uid = (uid_t)-1;
-    if (VESKUserGetUGID(szUserName, &uid, NULL) < 0) {
+    uid_t uid = UID_ERR;
+    if (VESKUserGetUGID(szUserName, &uid, nullptr) < 0) {
         VESK_LOG("VESKUserGetUGID failed. user:[%s] [0x%04X %s:%d]", szUserName, VESK_ERR_ARGS);
         return -1;
     }

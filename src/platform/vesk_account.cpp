@@ -135,7 +135,7 @@ VLIBC_SZLIST *GidsToList(const std::vector<gid_t> &gids)
 
 int VESKUserGet(const char *szName, VESK_USER **ppUser)
 {
-    if (!VESK_ARG_OK(NULL != szName) || !VESK_ARG_OK(NULL != ppUser)) {
+    if (!VESK_ARG_OK(szName != nullptr) || !VESK_ARG_OK(ppUser != nullptr)) {
         return -1;
     }
     return GetUser(szName, 0, ppUser);
@@ -143,7 +143,7 @@ int VESKUserGet(const char *szName, VESK_USER **ppUser)
 
 int VESKUserGetByUID(uid_t uid, VESK_USER **ppUser)
 {
-    if (!VESK_ARG_OK(NULL != ppUser)) {
+    if (!VESK_ARG_OK(ppUser != nullptr)) {
         return -1;
     }
     return GetUser(nullptr, uid, ppUser);
@@ -152,7 +152,7 @@ int VESKUserGetByUID(uid_t uid, VESK_USER **ppUser)
 int VESKUserGetUGID(const char *szName, uid_t *pUid, gid_t *pGid)
 {
     VESK_USER *pUser = nullptr;
-    if (!VESK_ARG_OK(NULL != pUid) || VESKUserGet(szName, &pUser) != 0) {
+    if (!VESK_ARG_OK(pUid != nullptr) || VESKUserGet(szName, &pUser) != 0) {
         return -1;
     }
     *pUid = pUser->uid;
@@ -170,7 +170,7 @@ void VESKUserFree(VESK_USER *pUser)
 
 int VESKGroupGetByGID(gid_t gid, VESK_GROUP **ppGroup)
 {
-    if (!VESK_ARG_OK(NULL != ppGroup)) {
+    if (!VESK_ARG_OK(ppGroup != nullptr)) {
         return -1;
     }
     VESK_GROUP *pGroup = nullptr;

@@ -63,7 +63,7 @@ int MakeDirs(const std::string &dir, bool blParents, uid_t uid, gid_t gid, mode_
 int VESKFSMkdirP(const char *szDir, int iReserved, int blParents, uid_t uid, gid_t gid, int iMode)
 {
     (void)iReserved;
-    if (!VESK_ARG_OK(NULL != szDir) || !VESK_ARG_OK('\0' != szDir[0])) {
+    if (!VESK_ARG_OK(szDir != nullptr) || !VESK_ARG_OK('\0' != szDir[0])) {
         return -1;
     }
     mode_t mode = iMode == -1 ? 0755 : static_cast<mode_t>(iMode) & 07777;

@@ -17,9 +17,13 @@
 
 #include "vesk_log.h"
 
+namespace {
+
 // Room reserved up front at most: a larger size is only a hint, the hash grows
 // as needed.
-static const int kMaxReserve = 64;
+constexpr int kMaxReserve = 64;
+
+}  // namespace
 
 struct _VLIBC_SZHASH {
     std::deque<std::pair<std::string, std::string>> pairs;
@@ -27,7 +31,7 @@ struct _VLIBC_SZHASH {
     // section holds about a dozen, and comparing that many keys is cheaper
     // than hashing one and allocating an index node per pair.
     std::unordered_map<std::string_view, size_t> index;
-    static const size_t kLinearMax = 16;
+    static constexpr size_t kLinearMax = 16;
 
     // The position of the key, or pairs.size() when it is absent.
     size_t Find(std::string_view key) const
@@ -120,7 +124,7 @@ void VLIBCSzHashFree(VLIBC_SZHASH *pHash)
 
 int VLIBCSzHashSetValue(VLIBC_SZHASH **ppHash, const char *szKey, const char *szValue)
 {
-    if (!VESK_ARG_OK(NULL != ppHash) || !VESK_ARG_OK(NULL != szKey) || !VESK_ARG_OK(NULL != szValue)) {
+    if (!VESK_ARG_OK(ppHash != nullptr) || !VESK_ARG_OK(szKey != nullptr) || !VESK_ARG_OK(szValue != nullptr)) {
         return -1;
     }
     if (*ppHash == nullptr && (*ppHash = VLIBCSzHashAlloc(0)) == nullptr) {
@@ -146,7 +150,7 @@ const char *VLIBCSzHashGetValue(const VLIBC_SZHASH *pHash, const char *szKey)
 
 int VLIBCHashRemoveAll(VLIBC_SZHASH *pHash)
 {
-    if (!VESK_ARG_OK(NULL != pHash)) {
+    if (!VESK_ARG_OK(pHash != nullptr)) {
         return -1;
     }
     pHash->index.clear();
@@ -187,7 +191,7 @@ void VLIBCSzListFree(VLIBC_SZLIST *pList)
 
 int VLIBCSzListPush(VLIBC_SZLIST **ppList, const char *sz)
 {
-    if (!VESK_ARG_OK(NULL != ppList) || !VESK_ARG_OK(NULL != sz)) {
+    if (!VESK_ARG_OK(ppList != nullptr) || !VESK_ARG_OK(sz != nullptr)) {
         return -1;
     }
     if (*ppList == nullptr && (*ppList = VLIBCSzListAlloc(0)) == nullptr) {

@@ -39,12 +39,26 @@ pid_t ParsePid(const char *text, size_t cb)
     return blDigits && i == cb && value > 0 ? static_cast<pid_t>(value) : -1;
 }
 
+// In a child about to run a program: its standard output and error go to
+// /dev/null, so that what the program prints never lands on the caller's
+// terminal or in the caller's own output (killall complains on stderr when
+// it finds no process).  Only async-signal-safe calls.
+void SilenceOutput()
+{
+    int fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        dup2(fd, STDOUT_FILENO);
+        dup2(fd, STDERR_FILENO);
+        close(fd);
+    }
+}
+
 }  // namespace
 
 int VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
               const char *szArg4)
 {
-    if (!VESK_ARG_OK(NULL != szPath)) {
+    if (!VESK_ARG_OK(szPath != nullptr)) {
         return -1;
     }
     // argv: the path, then the arguments up to the first NULL.
@@ -59,6 +73,7 @@ int VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const 
         return -1;
     }
     if (pid == 0) {
+        SilenceOutput();
         execv(szPath, argv);
         _exit(127);
     }
@@ -73,7 +88,7 @@ int VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const 
 
 pid_t VLIBCReadPidFile(const char *szPath)
 {
-    if (!VESK_ARG_OK(NULL != szPath)) {
+    if (!VESK_ARG_OK(szPath != nullptr)) {
         return -1;
     }
     int fd = open(szPath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);

@@ -9,15 +9,9 @@
 
 namespace {
 
-/* Every converter needs its field and its text. */
-bool ConverterArgsOk(const void *private_data, const char *str)
-{
-    return VESK_ARG_OK(((void *)0) != private_data) && VESK_ARG_OK(NULL != str);
-}
-
 int LToHashStr(const void *private_data, char *str, size_t cbStr)
 {
-    if (!ConverterArgsOk(private_data, str)) {
+    if (!BandwidthParmConverterArgsOk(private_data, str, VESK_SITE)) {
         return -1;
     }
     snprintf(str, cbStr, "%ld", (long)*(const int64_t *)private_data);
@@ -26,7 +20,7 @@ int LToHashStr(const void *private_data, char *str, size_t cbStr)
 
 int LFromHashStr(void *private_data, const char *str)
 {
-    if (!ConverterArgsOk(private_data, str)) {
+    if (!BandwidthParmConverterArgsOk(private_data, str, VESK_SITE)) {
         return -1;
     }
     *(int64_t *)private_data = strtol(str, NULL, 10);
@@ -35,7 +29,7 @@ int LFromHashStr(void *private_data, const char *str)
 
 int IToHashStr(const void *private_data, char *str, size_t cbStr)
 {
-    if (!ConverterArgsOk(private_data, str)) {
+    if (!BandwidthParmConverterArgsOk(private_data, str, VESK_SITE)) {
         return -1;
     }
     snprintf(str, cbStr, "%ld", (long)*(const int32_t *)private_data);
@@ -44,7 +38,7 @@ int IToHashStr(const void *private_data, char *str, size_t cbStr)
 
 int IFromHashStr(void *private_data, const char *str)
 {
-    if (!ConverterArgsOk(private_data, str)) {
+    if (!BandwidthParmConverterArgsOk(private_data, str, VESK_SITE)) {
         return -1;
     }
     *(int32_t *)private_data = (int32_t)strtol(str, NULL, 10);
@@ -85,7 +79,7 @@ int VESKBandwidthInitHashFromStatus(VLIBC_SZHASH **ppHash, const VESK_BANDWIDTH_
     }
     /* The table only reads the record on this path. */
     StatusParmTable table = StatusTable(const_cast<VESK_BANDWIDTH_STATUS *>(pStatus));
-    return VESKBandwidthParmTableToHash(table.entry, ppHash, __FILE_NAME__);
+    return BandwidthParmTableToHash(table.entry, ppHash, VESK_SITE);
 }
 
 int VESKBandwidthInitStatusFromHash(VESK_BANDWIDTH_STATUS *pStatus, const VLIBC_SZHASH *pHash)
@@ -94,5 +88,5 @@ int VESKBandwidthInitStatusFromHash(VESK_BANDWIDTH_STATUS *pStatus, const VLIBC_
         return -1;
     }
     StatusParmTable table = StatusTable(pStatus);
-    return VESKBandwidthParmTableFromHash(table.entry, pHash, __FILE_NAME__);
+    return BandwidthParmTableFromHash(table.entry, pHash, VESK_SITE);
 }

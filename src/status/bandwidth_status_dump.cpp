@@ -3,6 +3,7 @@
  * and file name. */
 #include <stdio.h>
 
+#include "common/bandwidth_user_groups.h"
 #include "conf/bandwidth_conf_store.h"
 #include "status/bandwidth_status_path.h"
 #include "veskbandwidth.h"

@@ -4,13 +4,14 @@
 #include <stdio.h>
 #include <syslog.h>
 
+#include "common/bandwidth_enum_name.h"
+
 int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_t cbPath, const char *szFile,
                             int iLine)
 {
     char szOwner[256] = {0};
 
-    if (VESKBandwidthEnumToName(VESK_BW_OWNER_TYPE_NAMES, owner_type, szOwner, sizeof(szOwner)) < 1 ||
-        '\0' == szOwner[0]) {
+    if (!BandwidthEnumName(VESK_BW_OWNER_TYPE_NAMES, owner_type, szOwner, sizeof(szOwner))) {
         syslog(LOG_ERR, "%s:%d VESKBandwidthEnumToName failed, protocol=%d", szFile, iLine, owner_type);
         return -1;
     }

@@ -69,14 +69,14 @@ int VESKBandwidthIStatusForceRemoveAll(const char *szUserName, uid_t uid, unsign
     if (UserStatusRemove(uid, pid, transfer_type) < 0) {
         return -1;
     }
-    BwSzListPtr pGroups = BW_GROUP_LIST_GET(szUserName);
+    BwSzListPtr pGroups = BandwidthGroupListGet(szUserName, VESK_SITE);
     if (!pGroups) {
         return -1;
     }
     int iGroups = VLIBCSzListCount(pGroups.get());
     for (int i = 0; i < iGroups; i++) {
         gid_t gid = 0;
-        if (BW_GROUP_LIST_GID(pGroups.get(), i, &gid) < 0 ||
+        if (BandwidthGroupListGid(pGroups.get(), i, &gid, VESK_SITE) < 0 ||
             GroupStatusRemove(gid, pid, transfer_type) < 0) {
             return -1;
         }
@@ -159,7 +159,7 @@ int VESKBandwidthStatusForceRemoveAllByUserName(const char *szUserName, unsigned
 
 int VESKBandwidthStatusForceRemoveAllByUID(uid_t uid, unsigned int transfer_type)
 {
-    BwUserPtr pUser = BW_USER_GET_BY_UID(uid);
+    BwUserPtr pUser = BandwidthUserGetByUID(uid, VESK_SITE);
     if (!pUser) {
         return -1;
     }

@@ -1,6 +1,6 @@
-/* The throttle configuration of one transfer: the protocol's global record
- * and the limits of the user and the user's groups, with their schedules
- * resolved for one hour of the week. */
+// The throttle configuration of one transfer: the protocol's global record
+// and the limits of the user and the user's groups, with their schedules
+// resolved for one hour of the week.
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -10,10 +10,10 @@
 
 namespace {
 
-/* Hour of the week (0 = Sunday 00:00 .. 167) of a time in microseconds, 0 meaning now. */
+// Hour of the week (0 = Sunday 00:00 .. 167) of a time in microseconds, 0 meaning now.
 int ScheduleSlot(int64_t llTimeUs)
 {
-    time_t tNow = (0 != llTimeUs) ? (time_t)(llTimeUs / 1000000) : time(NULL);
+    time_t tNow = (0 != llTimeUs) ? (time_t)(llTimeUs / 1000000) : time(nullptr);
     struct tm tmNow;
 
     memset(&tmNow, 0, sizeof(tmNow));
@@ -21,7 +21,7 @@ int ScheduleSlot(int64_t llTimeUs)
     return tmNow.tm_wday * 24 + tmNow.tm_hour;
 }
 
-/* Global schedule: "1" turns limiting on for the hour, anything else off. */
+// Global schedule: "1" turns limiting on for the hour, anything else off.
 int ResolveGlobal(VESK_BANDWIDTH_GLOBAL_CONF *pGlobal, int iSlot)
 {
     pGlobal->iCurState = pGlobal->iState;
@@ -38,8 +38,8 @@ void UseRates(VESK_BANDWIDTH_LIMIT *pLimit, const uint64_t *pullRate)
     pLimit->ullCurRate[VESK_BW_TRANSFER_DOWNLOAD] = pullRate[VESK_BW_TRANSFER_DOWNLOAD];
 }
 
-/* Limit schedule: "0" off for the hour, "1" the normal rates, anything else
- * the custom rates.  1 when a schedule was evaluated. */
+// Limit schedule: "0" off for the hour, "1" the normal rates, anything else
+// the custom rates.  1 when a schedule was evaluated.
 int ResolveLimit(VESK_BANDWIDTH_LIMIT *pLimit, int iSlot)
 {
     if (VESK_BW_STATE_NOTEXISTED == pLimit->iCurState) {
@@ -66,9 +66,9 @@ int ResolveLimit(VESK_BANDWIDTH_LIMIT *pLimit, int iSlot)
 
 int VESKBandwidthConfigGet(uid_t uid, int protocol_type, VESK_BANDWIDTH_CONFIG *pConfig)
 {
-    if (!VESK_ARG_OK((uid_t)((uid_t) -1) != uid) ||
-        !VESK_ARG_OK((0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type) ||
-        !VESK_ARG_OK(NULL != pConfig)) {
+    if (!VESK_ARG_CHECK(UID_ERR != uid, "(uid_t)((uid_t) -1) != uid") ||
+        !VESK_ARG_CHECK(VESK_BW_PROTOCOL_ALL != protocol_type, "(0x0001 | 0x0002 | 0x0004 | 0x0008)!= protocol_type") ||
+        !VESK_ARG_CHECK(pConfig != nullptr, "NULL != pConfig")) {
         return -1;
     }
     pConfig->uid = uid;
@@ -79,11 +79,12 @@ int VESKBandwidthConfigGet(uid_t uid, int protocol_type, VESK_BANDWIDTH_CONFIG *
     }
     if (VESK_BW_STATE_DISABLED == pConfig->globalConf.iState) {
         pConfig->iLimitCount = 0;
-        pConfig->pLimit = NULL;
+        pConfig->pLimit = nullptr;
     } else {
         pConfig->iLimitCount = VESKBandwidthLimitInit(uid, &pConfig->globalConf, &pConfig->pLimit,
                                                       &pConfig->blUserConfExist, &pConfig->blGroupConfExist);
         if (pConfig->iLimitCount < 0) {
+            // The fixed text names VESKBandwidthLimitGet; the call is VESKBandwidthLimitInit.
             VESK_LOG("VESKBandwidthLimitGet failed. uid:[%u] [0x%04X %s:%d]", uid, VESK_ERR_ARGS);
             return -1;
         }
@@ -105,7 +106,7 @@ int VESKBandwidthInitConfig(VESK_BANDWIDTH_CONFIG *pConfig, int64_t llTimeUs)
 
 int VESKBandwidthConfCheckEnabled(const VESK_BANDWIDTH_CONFIG *pConfig)
 {
-    return (NULL != pConfig && VESK_BW_STATE_DISABLED != pConfig->globalConf.iCurState &&
+    return (pConfig != nullptr && VESK_BW_STATE_DISABLED != pConfig->globalConf.iCurState &&
             0 != pConfig->iLimitCount)
                ? 1
                : 0;
@@ -113,7 +114,7 @@ int VESKBandwidthConfCheckEnabled(const VESK_BANDWIDTH_CONFIG *pConfig)
 
 int VESKBandwidthIsUserGroupLimitEnable(const VESK_BANDWIDTH_CONFIG *pConfig)
 {
-    if (NULL == pConfig) {
+    if (pConfig == nullptr) {
         return 0;
     }
     for (int i = 0; i < pConfig->iLimitCount; i++) {
@@ -126,7 +127,7 @@ int VESKBandwidthIsUserGroupLimitEnable(const VESK_BANDWIDTH_CONFIG *pConfig)
 
 void VESKBandwidthConfigFree(VESK_BANDWIDTH_CONFIG *pConfig)
 {
-    if (NULL == pConfig) {
+    if (pConfig == nullptr) {
         return;
     }
     free(pConfig->pLimit);

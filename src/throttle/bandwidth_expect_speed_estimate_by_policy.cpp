@@ -1,7 +1,7 @@
-/* The speed that a transfer may use under its protocol's policies: the
- * inter-group policy joins the group limits, the user-group policy joins the
- * user's limit with them, and the occupy policy decides against which groups
- * the transfer's own speed is booked. */
+// The speed that a transfer may use under its protocol's policies: the
+// inter-group policy joins the group limits, the user-group policy joins the
+// user's limit with them, and the occupy policy decides against which groups
+// the transfer's own speed is booked.
 #include <unistd.h>
 
 #include "veskbandwidth.h"
@@ -13,20 +13,20 @@ namespace {
 
 const uint64_t kWholeShare = 10000;
 
-/* What one pass over the limit records in force gathers. */
+// What one pass over the limit records in force gathers.
 struct PolicyPass {
     bool blHaveUser = false;
     uint64_t ullUserSpeed = 0;
     bool blHaveGroup = false;
     uint64_t ullGroupSpeed = 0;
     uint64_t ullGroupSum = 0;
-    uint64_t ullZeroCount = 0;  /* unlimited group records */
+    uint64_t ullZeroCount = 0;  // unlimited group records
     int iMinIdx = 0;
     int iMaxIdx = 0;
 };
 
-/* The speed of one record: its part of the limit among the running
- * transfers when sharing, else its configured rate. */
+// The speed of one record: its part of the limit among the running
+// transfers when sharing, else its configured rate.
 int RecordSpeed(const VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_LIMIT *pLimit, int transfer_type, int blShare)
 {
     if (1 == blShare) {
@@ -41,7 +41,7 @@ int RecordSpeed(const VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_LIMIT *pLim
     return 0;
 }
 
-/* Joins a later group's speed into the pass by the inter-group policy. */
+// Joins a later group's speed into the pass by the inter-group policy.
 int GroupJoin(PolicyPass *pPass, const VESK_BANDWIDTH_LIMIT *pLimits, int i, int iInterGroupPolicy)
 {
     uint64_t ullSpeed = pLimits[i].ullMaxSpeedBps;
@@ -73,7 +73,7 @@ int GroupJoin(PolicyPass *pPass, const VESK_BANDWIDTH_LIMIT *pLimits, int i, int
     }
 }
 
-/* Takes a group record's speed into the pass. */
+// Takes a group record's speed into the pass.
 int GroupAdd(PolicyPass *pPass, VESK_BANDWIDTH_LIMIT *pLimits, int i, const VESK_BANDWIDTH_GLOBAL_CONF *pGlobal)
 {
     VESK_BANDWIDTH_LIMIT *pLimit = &pLimits[i];
@@ -93,7 +93,7 @@ int GroupAdd(PolicyPass *pPass, VESK_BANDWIDTH_LIMIT *pLimits, int i, const VESK
     return 0;
 }
 
-/* Evaluates every record in force (those disabled by their schedule skipped). */
+// Evaluates every record in force (those disabled by their schedule skipped).
 int RecordsPass(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type, int blShare, PolicyPass *pPass)
 {
     for (int i = 0; i < pConfig->iLimitCount; i++) {
@@ -114,7 +114,7 @@ int RecordsPass(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type, int blShare, 
     return 0;
 }
 
-/* Joins the user's and the groups' speeds by the user-group policy. */
+// Joins the user's and the groups' speeds by the user-group policy.
 int UserGroupJoin(const PolicyPass &pass, int iUserGroupPolicy, uint64_t *pSpeedBps)
 {
     bool blBoth = pass.blHaveUser && pass.blHaveGroup;
@@ -152,9 +152,9 @@ int UserGroupJoin(const PolicyPass &pass, int iUserGroupPolicy, uint64_t *pSpeed
     }
 }
 
-/* Weighted occupation: unlimited groups, when there are any, take the
- * transfer's whole speed in equal parts; else the limited groups take it in
- * proportion to their speeds. */
+// Weighted occupation: unlimited groups, when there are any, take the
+// transfer's whole speed in equal parts; else the limited groups take it in
+// proportion to their speeds.
 void OccupyWeighted(VESK_BANDWIDTH_CONFIG *pConfig, const PolicyPass &pass)
 {
     uint64_t ullBase = (0 != pass.ullZeroCount) ? kWholeShare / pass.ullZeroCount : 0;
@@ -172,7 +172,7 @@ void OccupyWeighted(VESK_BANDWIDTH_CONFIG *pConfig, const PolicyPass &pass)
     }
 }
 
-/* Books the transfer's speed against the groups by the occupy policy. */
+// Books the transfer's speed against the groups by the occupy policy.
 void Occupy(VESK_BANDWIDTH_CONFIG *pConfig, const PolicyPass &pass)
 {
     switch (pConfig->globalConf.iOccupyPolicy) {
@@ -196,8 +196,8 @@ void Occupy(VESK_BANDWIDTH_CONFIG *pConfig, const PolicyPass &pass)
 int VESKBandwidthExpectSpeedEstimateByPolicy(int transfer_type, VESK_BANDWIDTH_CONFIG *pConfig, uint64_t *pSpeedBps,
                                              int blShare)
 {
-    if (!VESK_ARG_OK(VESK_BW_TRANSFER_ALL != transfer_type) || !VESK_ARG_OK(((void *)0) != pConfig) ||
-        !VESK_ARG_OK(NULL != pSpeedBps)) {
+    if (!VESK_ARG_OK(VESK_BW_TRANSFER_ALL != transfer_type) || !VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") ||
+        !VESK_ARG_CHECK(pSpeedBps != nullptr, "NULL != pSpeedBps")) {
         return -1;
     }
     if (0 == pConfig->iLimitCount) {

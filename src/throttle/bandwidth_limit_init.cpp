@@ -1,6 +1,6 @@
-/* The limit records that apply to one user for one protocol: the user's own
- * limit first, then the limits of the user's groups in the order of the
- * user's group list, keeping only those that are enabled or scheduled. */
+// The limit records that apply to one user for one protocol: the user's own
+// limit first, then the limits of the user's groups in the order of the
+// user's group list, keeping only those that are enabled or scheduled.
 #include <stdlib.h>
 #include <string.h>
 
@@ -15,15 +15,15 @@ namespace {
 static_assert(offsetof(VESK_BANDWIDTH_LIMIT, ullMaxSpeedBps) >= sizeof(VESK_BANDWIDTH_CONF),
               "a limit record begins with a whole VESK_BANDWIDTH_CONF");
 
-typedef std::unique_ptr<VESK_BANDWIDTH_LIMIT[], BwFree> LimitArray;
+using LimitArray = std::unique_ptr<VESK_BANDWIDTH_LIMIT[], BwFree>;
 
-/* A limit takes part when it is neither missing nor switched off. */
+// A limit takes part when it is neither missing nor switched off.
 bool IsRetained(const VESK_BANDWIDTH_LIMIT &limit)
 {
     return VESK_BW_STATE_NOTEXISTED != limit.iState && VESK_BW_STATE_DISABLED != limit.iState;
 }
 
-/* A zeroed array of iCount limit records; logs and records the failure. */
+// A zeroed array of iCount limit records; logs and records the failure.
 LimitArray LimitArrayAlloc(int iCount)
 {
     LimitArray pArray((VESK_BANDWIDTH_LIMIT *)calloc(iCount > 0 ? iCount : 1, sizeof(VESK_BANDWIDTH_LIMIT)));
@@ -34,7 +34,7 @@ LimitArray LimitArrayAlloc(int iCount)
     return pArray;
 }
 
-/* Reads one owner's limit into a zeroed limit record: 0 / -1. */
+// Reads one owner's limit into a zeroed limit record: 0 / -1.
 int LimitRead(int owner_type, unsigned int id, int protocol_type, VESK_BANDWIDTH_LIMIT *pLimit)
 {
     VESK_BANDWIDTH_CONF conf;
@@ -47,9 +47,9 @@ int LimitRead(int owner_type, unsigned int id, int protocol_type, VESK_BANDWIDTH
     return 0;
 }
 
-/* The retained records of the working array, in order, as a new array
- * handed to *ppLimit: their count, or -1.  *pblGroupConfExist (when given)
- * is set when a group record is kept. */
+// The retained records of the working array, in order, as a new array
+// handed to *ppLimit: their count, or -1.  *pblGroupConfExist (when given)
+// is set when a group record is kept.
 int LimitListKeep(const VESK_BANDWIDTH_LIMIT *pWork, int iWork, VESK_BANDWIDTH_LIMIT **ppLimit,
                   uint32_t *pblGroupConfExist)
 {
@@ -58,7 +58,7 @@ int LimitListKeep(const VESK_BANDWIDTH_LIMIT *pWork, int iWork, VESK_BANDWIDTH_L
         iKept += IsRetained(pWork[i]) ? 1 : 0;
     }
     if (0 == iKept) {
-        *ppLimit = NULL;
+        *ppLimit = nullptr;
         return 0;
     }
     LimitArray pKept = LimitArrayAlloc(iKept);
@@ -70,7 +70,7 @@ int LimitListKeep(const VESK_BANDWIDTH_LIMIT *pWork, int iWork, VESK_BANDWIDTH_L
             continue;
         }
         pKept[j++] = pWork[i];
-        if (NULL != pblGroupConfExist && VESK_BW_OWNER_GROUP == pWork[i].iOwnerType) {
+        if (pblGroupConfExist != nullptr && VESK_BW_OWNER_GROUP == pWork[i].iOwnerType) {
             *pblGroupConfExist = 1;
         }
     }
@@ -78,31 +78,31 @@ int LimitListKeep(const VESK_BANDWIDTH_LIMIT *pWork, int iWork, VESK_BANDWIDTH_L
     return iKept;
 }
 
-/* The user's record (when retained) followed by the limits of every group of
- * the user: the count kept in *ppLimit, or -1. */
+// The user's record (when retained) followed by the limits of every group of
+// the user: the count kept in *ppLimit, or -1.
 int LimitListWithGroups(uid_t uid, int protocol_type, const VESK_BANDWIDTH_LIMIT *pUserLimit,
                         VESK_BANDWIDTH_LIMIT **ppLimit, uint32_t *pblGroupConfExist)
 {
-    BwUserPtr pUser = BW_USER_GET_BY_UID(uid);
+    BwUserPtr pUser = BandwidthUserGetByUID(uid, VESK_SITE);
     if (!pUser) {
         return -1;
     }
-    BwSzListPtr pGroups = BW_GROUP_LIST_GET(pUser->szName);
+    BwSzListPtr pGroups = BandwidthGroupListGet(pUser->szName, VESK_SITE);
     if (!pGroups) {
         return -1;
     }
     int iGroups = VLIBCSzListCount(pGroups.get());
-    int iWork = (NULL != pUserLimit) ? 1 : 0;
+    int iWork = (pUserLimit != nullptr) ? 1 : 0;
     LimitArray pWork = LimitArrayAlloc(iGroups + iWork);
     if (!pWork) {
         return -1;
     }
-    if (NULL != pUserLimit) {
+    if (pUserLimit != nullptr) {
         pWork[0] = *pUserLimit;
     }
     for (int i = 0; i < iGroups; i++, iWork++) {
         gid_t gid = 0;
-        if (BW_GROUP_LIST_GID(pGroups.get(), i, &gid) < 0) {
+        if (BandwidthGroupListGid(pGroups.get(), i, &gid, VESK_SITE) < 0) {
             return -1;
         }
         if (LimitRead(VESK_BW_OWNER_GROUP, gid, protocol_type, &pWork[iWork]) < 0) {
@@ -118,9 +118,9 @@ int LimitListWithGroups(uid_t uid, int protocol_type, const VESK_BANDWIDTH_LIMIT
 int VESKBandwidthLimitInit(uid_t uid, const VESK_BANDWIDTH_GLOBAL_CONF *pGlobalConf, VESK_BANDWIDTH_LIMIT **ppLimit,
                            uint32_t *pblUserConfExist, uint32_t *pblGroupConfExist)
 {
-    if (!VESK_ARG_OK(((uid_t) -1) != uid) || !VESK_ARG_OK(((void *)0) != pGlobalConf) ||
-        !VESK_ARG_OK(((void *)0) != ppLimit) || !VESK_ARG_OK(((void *)0) != pblUserConfExist) ||
-        !VESK_ARG_OK(NULL != pblGroupConfExist)) {
+    if (!VESK_ARG_CHECK(UID_ERR != uid, "((uid_t) -1) != uid") || !VESK_ARG_CHECK(pGlobalConf != nullptr, "((void *)0) != pGlobalConf") ||
+        !VESK_ARG_CHECK(ppLimit != nullptr, "((void *)0) != ppLimit") || !VESK_ARG_CHECK(pblUserConfExist != nullptr, "((void *)0) != pblUserConfExist") ||
+        !VESK_ARG_CHECK(pblGroupConfExist != nullptr, "NULL != pblGroupConfExist")) {
         return -1;
     }
     *pblUserConfExist = 0;
@@ -137,8 +137,8 @@ int VESKBandwidthLimitInit(uid_t uid, const VESK_BANDWIDTH_GLOBAL_CONF *pGlobalC
         *pblUserConfExist = 1;
     }
     if (VESK_BW_POLICY_USER_ONLY == pGlobalConf->iUserGroupPolicy) {
-        return LimitListKeep(&userLimit, 1, ppLimit, NULL);
+        return LimitListKeep(&userLimit, 1, ppLimit, nullptr);
     }
-    return LimitListWithGroups(uid, pGlobalConf->iProtocol, blUserRetained ? &userLimit : NULL, ppLimit,
+    return LimitListWithGroups(uid, pGlobalConf->iProtocol, blUserRetained ? &userLimit : nullptr, ppLimit,
                                pblGroupConfExist);
 }

@@ -1,5 +1,5 @@
-/* The upload and download speeds that a user would get on a protocol at the
- * current hour, for administration tools, from the configured rates alone. */
+// The upload and download speeds that a user would get on a protocol at the
+// current hour, for administration tools, from the configured rates alone.
 #include <string.h>
 
 #include "veskbandwidth.h"
@@ -7,8 +7,8 @@
 
 namespace {
 
-/* Evaluates the policies of a freshly built configuration for both
- * directions into pSpeedsBps[1] and [2]; the caller releases the configuration. */
+// Evaluates the policies of a freshly built configuration for both
+// directions into pSpeedsBps[1] and [2]; the caller releases the configuration.
 int PreviewSpeeds(uid_t uid, int protocol_type, VESK_BANDWIDTH_CONFIG *pConfig, uint64_t *pSpeedsBps)
 {
     if (0 != VESKBandwidthConfigGet(uid, protocol_type, pConfig)) {
