@@ -64,12 +64,8 @@ const VESK_BW_ENUM_ENTRY VESK_BW_INTER_GROUP_POLICY_NAMES[] = {
 };
 
 const VESK_BW_ENUM_ENTRY VESK_BW_OCCUPY_POLICY_NAMES[] = {
-    {VESK_BW_OCCUPY_NONE, "none"},
-    {VESK_BW_OCCUPY_ALL, "all"},
-    {VESK_BW_OCCUPY_MIN, "min"},
-    {VESK_BW_OCCUPY_MAX, "max"},
-    {VESK_BW_OCCUPY_WEIGHTED, "weighted"},
-    {-1, nullptr},
+    {VESK_BW_OCCUPY_NONE, "none"}, {VESK_BW_OCCUPY_ALL, "all"},           {VESK_BW_OCCUPY_MIN, "min"},
+    {VESK_BW_OCCUPY_MAX, "max"},   {VESK_BW_OCCUPY_WEIGHTED, "weighted"}, {-1, nullptr},
 };
 
 }  // extern "C"

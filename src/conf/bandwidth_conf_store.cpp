@@ -56,8 +56,7 @@ int BandwidthConfSectionStore(const char *szPath, const char *szSection, const V
     return 0;
 }
 
-const char *BandwidthConfDumpText(const VLIBC_SZHASH *pHash, const char *szKey, int iValue, char *szBuf,
-                                  size_t cbBuf)
+const char *BandwidthConfDumpText(const VLIBC_SZHASH *pHash, const char *szKey, int iValue, char *szBuf, size_t cbBuf)
 {
     const char *szText = VLIBCSzHashGetValue(pHash, szKey);
     if (szText != nullptr) {

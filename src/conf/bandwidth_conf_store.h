@@ -64,7 +64,6 @@ int BandwidthConfSectionStore(const char *szPath, const char *szSection, const V
 
 // The text of a dump column: the hash's value of szKey, or "unknown(<value>)"
 // written into szBuf when the record's value had no name.
-const char *BandwidthConfDumpText(const VLIBC_SZHASH *pHash, const char *szKey, int iValue, char *szBuf,
-                                  size_t cbBuf);
+const char *BandwidthConfDumpText(const VLIBC_SZHASH *pHash, const char *szKey, int iValue, char *szBuf, size_t cbBuf);
 
 #endif

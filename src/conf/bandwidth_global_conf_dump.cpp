@@ -18,8 +18,7 @@ int VESKBandwidthGlobalConfDumpHeader(FILE *fp)
     if (!VESK_ARG_CHECK(fp != nullptr, "((void *)0) != fp")) {
         return -1;
     }
-    fprintf(fp, kRowFormat, "State", "Protocol", "UserGroupPolicy", "InterGroupPolicy", "OccupyPolicy",
-            "SchedulePlan");
+    fprintf(fp, kRowFormat, "State", "Protocol", "UserGroupPolicy", "InterGroupPolicy", "OccupyPolicy", "SchedulePlan");
     return 0;
 }
 

@@ -52,7 +52,7 @@ bool HupIsLanternpostWorker(const char *szPid)
     return false;
 }
 
-} // namespace
+}  // namespace
 
 void VESKBandwidthHupLanternpost(void)
 {
@@ -95,20 +95,19 @@ namespace {
 // rates leave the direction unlimited.  A failed estimate counts as limited.
 bool HupStillLimited(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type)
 {
-    if (VESK_BW_STATE_DISABLED == pConfig->globalConf.iCurState ||
-        0 == VESKBandwidthIsUserGroupLimitEnable(pConfig)) {
+    if (VESK_BW_STATE_DISABLED == pConfig->globalConf.iCurState || 0 == VESKBandwidthIsUserGroupLimitEnable(pConfig)) {
         return false;
     }
     uint64_t ullSpeedBps = 0;
-    return 0 != VESKBandwidthExpectSpeedEstimateByPolicy(transfer_type, pConfig, &ullSpeedBps, 0) ||
-           0 != ullSpeedBps;
+    return 0 != VESKBandwidthExpectSpeedEstimateByPolicy(transfer_type, pConfig, &ullSpeedBps, 0) || 0 != ullSpeedBps;
 }
 
-} // namespace
+}  // namespace
 
 int VESKBandwidthHupRecv(VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *pStatus, int64_t *pTime)
 {
-    if (!VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") || !VESK_ARG_CHECK(pStatus != nullptr, "((void *)0) != pStatus") ||
+    if (!VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") ||
+        !VESK_ARG_CHECK(pStatus != nullptr, "((void *)0) != pStatus") ||
         !VESK_ARG_CHECK(pTime != nullptr, "NULL != pTime")) {
         return -1;
     }

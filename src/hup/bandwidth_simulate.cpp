@@ -78,8 +78,7 @@ int SimulateTransfer(const char *szUserName, int protocol_type, int transfer_typ
         if (g_blReload) {
             g_blReload = 0;
             if (0 != VESKBandwidthHupRecv(pConfig, &status, &llTime)) {
-                VESK_LOG("Hup recv failed. user:[%s] file:[%s] [0x%04X %s:%d]", szUserName, szFileName,
-                         VESK_ERR_ARGS);
+                VESK_LOG("Hup recv failed. user:[%s] file:[%s] [0x%04X %s:%d]", szUserName, szFileName, VESK_ERR_ARGS);
                 return -1;
             }
         }

@@ -55,8 +55,7 @@ void SilenceOutput()
 
 }  // namespace
 
-int VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
-              const char *szArg4)
+int VLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3, const char *szArg4)
 {
     if (!VESK_ARG_OK(szPath != nullptr)) {
         return -1;

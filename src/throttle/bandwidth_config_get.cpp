@@ -106,8 +106,7 @@ int VESKBandwidthInitConfig(VESK_BANDWIDTH_CONFIG *pConfig, int64_t llTimeUs)
 
 int VESKBandwidthConfCheckEnabled(const VESK_BANDWIDTH_CONFIG *pConfig)
 {
-    return (pConfig != nullptr && VESK_BW_STATE_DISABLED != pConfig->globalConf.iCurState &&
-            0 != pConfig->iLimitCount)
+    return (pConfig != nullptr && VESK_BW_STATE_DISABLED != pConfig->globalConf.iCurState && 0 != pConfig->iLimitCount)
                ? 1
                : 0;
 }

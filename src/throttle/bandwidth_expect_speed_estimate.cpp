@@ -22,7 +22,9 @@ namespace {
 // first of its entries in that list: the last one in the file.
 class LimitShare : public vesk_status::StatusVisitor {
 public:
-    LimitShare(uint64_t ullLimit, uid_t uid, pid_t pid) : ullLimit_(ullLimit), ullLeft_(ullLimit), uid_(uid), pid_(pid) {}
+    LimitShare(uint64_t ullLimit, uid_t uid, pid_t pid) : ullLimit_(ullLimit), ullLeft_(ullLimit), uid_(uid), pid_(pid)
+    {
+    }
 
     int Visit(const char *, const VESK_BANDWIDTH_STATUS &status) override
     {
@@ -78,7 +80,8 @@ private:
 int VESKBandwidthExpectSpeedEstimate(uid_t uid, const VESK_BANDWIDTH_LIMIT *pConf, int transfer_type,
                                      uint64_t *pMaxSpeedBps, pid_t pid)
 {
-    if (!VESK_ARG_CHECK(pConf != nullptr, "((void *)0) != pConf") || !VESK_ARG_CHECK(pMaxSpeedBps != nullptr, "((void *)0) != pMaxSpeedBps") ||
+    if (!VESK_ARG_CHECK(pConf != nullptr, "((void *)0) != pConf") ||
+        !VESK_ARG_CHECK(pMaxSpeedBps != nullptr, "((void *)0) != pMaxSpeedBps") ||
         !VESK_ARG_OK(VESK_BW_TRANSFER_ALL != transfer_type)) {
         return -1;
     }

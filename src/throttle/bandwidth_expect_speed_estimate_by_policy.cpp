@@ -30,8 +30,8 @@ struct PolicyPass {
 int RecordSpeed(const VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_LIMIT *pLimit, int transfer_type, int blShare)
 {
     if (1 == blShare) {
-        if (VESKBandwidthExpectSpeedEstimate(pConfig->uid, pLimit, transfer_type, &pLimit->ullMaxSpeedBps,
-                                             getpid()) < 0) {
+        uint64_t *pSpeedBps = &pLimit->ullMaxSpeedBps;
+        if (VESKBandwidthExpectSpeedEstimate(pConfig->uid, pLimit, transfer_type, pSpeedBps, getpid()) < 0) {
             VESK_LOG("VESKBandwidthExpectSpeedEstimate failed. [0x%04X %s:%d]", VESK_ERR_ARGS);
             return -1;
         }
@@ -114,6 +114,17 @@ int RecordsPass(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type, int blShare, 
     return 0;
 }
 
+// The tighter and the looser of two speeds, where 0 is unlimited.
+uint64_t Tighter(uint64_t a, uint64_t b)
+{
+    return VESKBandwidthIsLessThan(a, b) ? a : b;
+}
+
+uint64_t Looser(uint64_t a, uint64_t b)
+{
+    return VESKBandwidthIsLargerThan(a, b) ? a : b;
+}
+
 // Joins the user's and the groups' speeds by the user-group policy.
 int UserGroupJoin(const PolicyPass &pass, int iUserGroupPolicy, uint64_t *pSpeedBps)
 {
@@ -134,14 +145,10 @@ int UserGroupJoin(const PolicyPass &pass, int iUserGroupPolicy, uint64_t *pSpeed
         *pSpeedBps = pass.blHaveGroup ? pass.ullGroupSpeed : pass.ullUserSpeed;
         return 0;
     case VESK_BW_POLICY_MIN:
-        *pSpeedBps = !blBoth ? ullOne
-                     : VESKBandwidthIsLessThan(pass.ullGroupSpeed, pass.ullUserSpeed) ? pass.ullGroupSpeed
-                                                                                      : pass.ullUserSpeed;
+        *pSpeedBps = blBoth ? Tighter(pass.ullGroupSpeed, pass.ullUserSpeed) : ullOne;
         return 0;
     case VESK_BW_POLICY_MAX:
-        *pSpeedBps = !blBoth ? ullOne
-                     : VESKBandwidthIsLargerThan(pass.ullGroupSpeed, pass.ullUserSpeed) ? pass.ullGroupSpeed
-                                                                                        : pass.ullUserSpeed;
+        *pSpeedBps = blBoth ? Looser(pass.ullGroupSpeed, pass.ullUserSpeed) : ullOne;
         return 0;
     case VESK_BW_POLICY_SUM:
         *pSpeedBps = !blBoth ? ullOne : VESKBandwidthSum(pass.ullUserSpeed, pass.ullGroupSpeed);
@@ -196,7 +203,8 @@ void Occupy(VESK_BANDWIDTH_CONFIG *pConfig, const PolicyPass &pass)
 int VESKBandwidthExpectSpeedEstimateByPolicy(int transfer_type, VESK_BANDWIDTH_CONFIG *pConfig, uint64_t *pSpeedBps,
                                              int blShare)
 {
-    if (!VESK_ARG_OK(VESK_BW_TRANSFER_ALL != transfer_type) || !VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") ||
+    if (!VESK_ARG_OK(VESK_BW_TRANSFER_ALL != transfer_type) ||
+        !VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") ||
         !VESK_ARG_CHECK(pSpeedBps != nullptr, "NULL != pSpeedBps")) {
         return -1;
     }

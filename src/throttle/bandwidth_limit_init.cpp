@@ -118,8 +118,10 @@ int LimitListWithGroups(uid_t uid, int protocol_type, const VESK_BANDWIDTH_LIMIT
 int VESKBandwidthLimitInit(uid_t uid, const VESK_BANDWIDTH_GLOBAL_CONF *pGlobalConf, VESK_BANDWIDTH_LIMIT **ppLimit,
                            uint32_t *pblUserConfExist, uint32_t *pblGroupConfExist)
 {
-    if (!VESK_ARG_CHECK(UID_ERR != uid, "((uid_t) -1) != uid") || !VESK_ARG_CHECK(pGlobalConf != nullptr, "((void *)0) != pGlobalConf") ||
-        !VESK_ARG_CHECK(ppLimit != nullptr, "((void *)0) != ppLimit") || !VESK_ARG_CHECK(pblUserConfExist != nullptr, "((void *)0) != pblUserConfExist") ||
+    if (!VESK_ARG_CHECK(UID_ERR != uid, "((uid_t) -1) != uid") ||
+        !VESK_ARG_CHECK(pGlobalConf != nullptr, "((void *)0) != pGlobalConf") ||
+        !VESK_ARG_CHECK(ppLimit != nullptr, "((void *)0) != ppLimit") ||
+        !VESK_ARG_CHECK(pblUserConfExist != nullptr, "((void *)0) != pblUserConfExist") ||
         !VESK_ARG_CHECK(pblGroupConfExist != nullptr, "NULL != pblGroupConfExist")) {
         return -1;
     }

@@ -19,8 +19,8 @@ int PreviewSpeeds(uid_t uid, int protocol_type, VESK_BANDWIDTH_CONFIG *pConfig, 
     const int directions[] = {VESK_BW_TRANSFER_UPLOAD, VESK_BW_TRANSFER_DOWNLOAD};
     for (int iDirection : directions) {
         if (0 != VESKBandwidthExpectSpeedEstimateByPolicy(iDirection, pConfig, &pSpeedsBps[iDirection], 0)) {
-            VESK_LOG("VESKBandwidthExpectSpeedEstimateByPolicy failed. uid:[%u],  [0x%04X %s:%d]",
-                     (unsigned int)uid, VESK_ERR_ARGS);
+            VESK_LOG("VESKBandwidthExpectSpeedEstimateByPolicy failed. uid:[%u],  [0x%04X %s:%d]", (unsigned int)uid,
+                     VESK_ERR_ARGS);
             return -1;
         }
     }

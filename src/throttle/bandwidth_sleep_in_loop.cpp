@@ -50,8 +50,7 @@ bool ScheduleInvolved(const VESK_BANDWIDTH_CONFIG *pConfig)
 // True when the protocol limits at this hour and some limit record is in force.
 bool LimitInForce(const VESK_BANDWIDTH_CONFIG *pConfig)
 {
-    return VESK_BW_STATE_DISABLED != pConfig->globalConf.iCurState &&
-           1 == VESKBandwidthIsUserGroupLimitEnable(pConfig);
+    return VESK_BW_STATE_DISABLED != pConfig->globalConf.iCurState && 1 == VESKBandwidthIsUserGroupLimitEnable(pConfig);
 }
 
 // Re-resolves the schedules on the first pass of the process and whenever
@@ -69,8 +68,7 @@ bool ScheduleRefresh(VESK_BANDWIDTH_CONFIG *pConfig, const VESK_BANDWIDTH_STATUS
         return true;
     }
     if (0 != VESKBandwidthStatusRemove(pConfig, pStatus->transfer_type)) {
-        VESK_LOG("(%u)(%d)===============> remove status failed", (unsigned int)getpid(),
-                 (int)pStatus->transfer_type);
+        VESK_LOG("(%u)(%d)===============> remove status failed", (unsigned int)getpid(), (int)pStatus->transfer_type);
     }
     return false;
 }
@@ -79,8 +77,8 @@ bool ScheduleRefresh(VESK_BANDWIDTH_CONFIG *pConfig, const VESK_BANDWIDTH_STATUS
 // configured rate (blShare 0) or shared among the running transfers (1).
 int ExpectSpeed(VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *pStatus, int blShare)
 {
-    if (0 != VESKBandwidthExpectSpeedEstimateByPolicy(pStatus->transfer_type, pConfig, &pStatus->expect_speed,
-                                                      blShare)) {
+    if (0 !=
+        VESKBandwidthExpectSpeedEstimateByPolicy(pStatus->transfer_type, pConfig, &pStatus->expect_speed, blShare)) {
         VESK_LOG("VESKBandwidthExpectSpeedEstimateByPolicy failed. uid:[%u] [0x%04X %s:%d]", pStatus->id,
                  VESK_ERR_ARGS);
         return -1;
@@ -108,8 +106,7 @@ int SleepUs(int64_t llUs)
 // that cuts the sleep short records the expected speed as the speed reached.
 void SleepAndMeasure(VESK_BANDWIDTH_STATUS *pStatus, uint64_t cbTransferred, int64_t llTimeLast, int64_t *pllNow)
 {
-    int64_t llSleepUs = VESKBandwidthSleepEstimate(*pllNow - llTimeLast, cbTransferred,
-                                                   (int64_t)pStatus->expect_speed);
+    int64_t llSleepUs = VESKBandwidthSleepEstimate(*pllNow - llTimeLast, cbTransferred, (int64_t)pStatus->expect_speed);
     bool blInterrupted = false;
 
     if (llSleepUs > 0 && 0 != SleepUs(llSleepUs)) {
@@ -119,8 +116,8 @@ void SleepAndMeasure(VESK_BANDWIDTH_STATUS *pStatus, uint64_t cbTransferred, int
     }
     *pllNow = VESKBandwidthCurrTimeGet();
     pStatus->timestamp = (int64_t)time(nullptr);
-    pStatus->current_speed = blInterrupted ? pStatus->expect_speed
-                                           : VESKBandwidthSpeedEstimate(*pllNow - llTimeLast, cbTransferred);
+    pStatus->current_speed =
+        blInterrupted ? pStatus->expect_speed : VESKBandwidthSpeedEstimate(*pllNow - llTimeLast, cbTransferred);
 }
 
 // Writes the transfer's entries anew: takes its copies out of the groups it
@@ -129,8 +126,7 @@ void SleepAndMeasure(VESK_BANDWIDTH_STATUS *pStatus, uint64_t cbTransferred, int
 int StatusPublish(const VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *pStatus, const uint32_t *pGroups,
                   int iOccGroups)
 {
-    if (iOccGroups > 0 &&
-        0 != VESKBandwidthStatusRemoveByOccGroups(pGroups, iOccGroups, pStatus->transfer_type)) {
+    if (iOccGroups > 0 && 0 != VESKBandwidthStatusRemoveByOccGroups(pGroups, iOccGroups, pStatus->transfer_type)) {
         // The fixed text names VESKBandwidthStatusRemove for the removal from the occupied groups.
         VESK_LOG("VESKBandwidthStatusRemove failed. uid:[%u] [0x%04X %s:%d]", pStatus->id, VESK_ERR_ARGS);
         return -1;
@@ -139,8 +135,7 @@ int StatusPublish(const VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *p
     memset(&own, 0, sizeof(own));
     // A missing entry (collected as stale by another process) is no failure:
     // the save below writes it again.
-    if (0 == VESKBandwidthStatusGet(VESK_BW_OWNER_USER, pStatus->id, pStatus->transfer_type, &own) &&
-        0 == own.active) {
+    if (0 == VESKBandwidthStatusGet(VESK_BW_OWNER_USER, pStatus->id, pStatus->transfer_type, &own) && 0 == own.active) {
         VESK_ERR_SET(BW_ERR_DEACTIVATED);
         return -1;
     }
@@ -158,7 +153,8 @@ int StatusPublish(const VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *p
 // left out, which is logged once per call.
 int VESKBandwidthOccGroupsGet(uint32_t *pGroups, int *piOccGroups, const VESK_BANDWIDTH_CONFIG *pConfig)
 {
-    if (!VESK_ARG_CHECK(piOccGroups != nullptr, "((void *)0) != piOccGroups") || !VESK_ARG_CHECK(pConfig != nullptr, "NULL != pConfig")) {
+    if (!VESK_ARG_CHECK(piOccGroups != nullptr, "((void *)0) != piOccGroups") ||
+        !VESK_ARG_CHECK(pConfig != nullptr, "NULL != pConfig")) {
         return -1;
     }
     *piOccGroups = 0;
@@ -183,7 +179,8 @@ int VESKBandwidthOccGroupsGet(uint32_t *pGroups, int *piOccGroups, const VESK_BA
 int VESKBandwidthSleepInLoop(VESK_BANDWIDTH_CONFIG *pConfig, uint64_t cbTransferred, uint32_t progress,
                              int64_t *pTimeLast, VESK_BANDWIDTH_STATUS *pStatus)
 {
-    if (!VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") || !VESK_ARG_CHECK(pTimeLast != nullptr, "((void *)0) != pTimeLast") ||
+    if (!VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") ||
+        !VESK_ARG_CHECK(pTimeLast != nullptr, "((void *)0) != pTimeLast") ||
         !VESK_ARG_CHECK(pStatus != nullptr, "NULL != pStatus")) {
         return -1;
     }

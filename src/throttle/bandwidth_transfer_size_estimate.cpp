@@ -11,10 +11,11 @@ const uint64_t kChunkSpanUs = 5000000;
 
 }  // namespace
 
-int VESKBandwidthTransferSizeEstimate(const VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type,
-                                      uint64_t ullRequestBytes, uint64_t *pTransferBytes)
+int VESKBandwidthTransferSizeEstimate(const VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type, uint64_t ullRequestBytes,
+                                      uint64_t *pTransferBytes)
 {
-    if (!VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") || !VESK_ARG_CHECK(pTransferBytes != nullptr, "((void *)0) != pTransferBytes")) {
+    if (!VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig") ||
+        !VESK_ARG_CHECK(pTransferBytes != nullptr, "((void *)0) != pTransferBytes")) {
         return -1;
     }
     uint64_t ullBytes = ullRequestBytes;
