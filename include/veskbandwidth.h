@@ -108,9 +108,12 @@ VESK_API extern const VESK_BW_ENUM_ENTRY VESK_BW_OCCUPY_POLICY_NAMES[];
  * Constants and records.
  * ---------------------------------------------------------------------- */
 
+/* The most occupied groups that VESKBandwidthOccGroupsGet reports. */
 #define BW_OCC_GROUPS_MAX 1024
+/* "No uid". */
 #define UID_ERR ((uid_t)-1)
 
+/* Sizes of the text fields, NUL included. */
 #define VESK_BW_SCHEDULE_PLAN_SIZE 256
 #define VESK_BW_FILENAME_SIZE 4096
 
@@ -184,126 +187,293 @@ typedef struct _VESK_BANDWIDTH_STATUS {
 } VESK_BANDWIDTH_STATUS;
 
 /* ------------------------------------------------------------------------
- * Enumeration names and add-on protocols.
+ * Enumeration names and add-on protocols.  Files store every enumeration by
+ * name.  A value or name that a table lacks may be an add-on protocol: a file
+ * NAME_NUMBER.json in /usr/vesk/etc/bandwidth/addon/ makes NUMBER a protocol
+ * value named NAME.  Found add-ons are cached for the life of the process.
  * ---------------------------------------------------------------------- */
 
-/* 1 found (name written, cut to cbProtocol), 0 not found, -1 error. */
+/* Writes the name of iValue in enum_list (else of the add-on numbered iValue)
+ * into szProtocol, cut to cbProtocol bytes with the NUL.  Returns 1 when
+ * found; -1 on error: a missing argument or cbProtocol below 1
+ * (BW_ERR_BAD_PARAMETERS), or an add-on search that failed or found no file
+ * (BW_ERR_GLOB_FAILED and the others of VESKBandwidthEnumToNameAddon); 0 when
+ * the search ended without a failure and without a name (BW_ERR_NOT_FOUND). */
 VESK_API int VESKBandwidthEnumToName(const VESK_BW_ENUM_ENTRY *enum_list, int iValue, char *szProtocol,
                                      int cbProtocol);
-/* The value of the name (0 included), the add-on number, 0 when not found, -1 error. */
+/* The value of szName in enum_list (0 is a value), else the number of the
+ * add-on of that name; names compare exactly, case included.  -1 on error,
+ * a name that no table row and no add-on file knows included; 0 with
+ * BW_ERR_NOT_FOUND for an add-on file without a number. */
 VESK_API int VESKBandwidthEnumToValue(const VESK_BW_ENUM_ENTRY *enum_list, const char *szName);
+/* The name of add-on protocol iProtocol into szName (cbName bytes).  Returns 1
+ * when found, 0 when the search returned no path, -1 on error: a missing or
+ * empty buffer (BW_ERR_BAD_PARAMETERS), a failed search of the add-on
+ * directory (BW_ERR_GLOB_FAILED, also when no file matches), two files of
+ * one number (BW_ERR_ADDON_AMBIGUOUS), a file name without separators
+ * (BW_ERR_ADDON_BAD_PATH). */
 VESK_API int VESKBandwidthEnumToNameAddon(int iProtocol, char *szName, size_t cbName);
+/* The number of the add-on protocol named szName (a file "szName_*.json";
+ * 0 when its name carries no digits), -1 on error as for
+ * VESKBandwidthEnumToNameAddon. */
 VESK_API int VESKBandwidthEnumToValueAddon(const char *szName);
+/* Writes the path of add-on iProtocol's file, "/usr/vesk/etc/bandwidth/addon//
+ * NAME_NUMBER.json", into szPath (cbPath bytes).  0, or -1 when the add-on is
+ * not found (the lookup's error code stays). */
 VESK_API int VESKBandwidthGetAddonConfigPath(int iProtocol, char *szPath, size_t cbPath);
 
 /* ------------------------------------------------------------------------
- * Rate and time arithmetic (0 is unlimited).
+ * Rate and time arithmetic.  Speeds are bytes per second and a speed of 0 is
+ * unlimited: looser than any other, and absorbing in a sum.  No failures.
  * ---------------------------------------------------------------------- */
 
+/* The wall-clock time in microseconds since the epoch. */
 VESK_API int64_t VESKBandwidthCurrTimeGet(void);
+/* The speed in bytes/s of cbTransferred bytes moved in llElapsedUs
+ * microseconds; an interval below 1 counts as 1. */
 VESK_API uint64_t VESKBandwidthSpeedEstimate(int64_t llElapsedUs, uint64_t cbTransferred);
+/* The microseconds still to wait so that cbTransferred bytes moved in
+ * llElapsedUs keep to llSpeedBps bytes/s; never negative, 0 when unlimited. */
 VESK_API int64_t VESKBandwidthSleepEstimate(int64_t llElapsedUs, uint64_t cbTransferred, int64_t llSpeedBps);
+/* 1 when speed limit a is tighter than b, else 0. */
 VESK_API int VESKBandwidthIsLessThan(uint64_t a, uint64_t b);
+/* 1 when speed limit a is looser than b, else 0. */
 VESK_API int VESKBandwidthIsLargerThan(uint64_t a, uint64_t b);
+/* The two limits together: a + b, or 0 (unlimited) when either is. */
 VESK_API uint64_t VESKBandwidthSum(uint64_t a, uint64_t b);
 
 /* ------------------------------------------------------------------------
- * Configuration records, files and dumps.
+ * Configuration records, files and dumps.  A limit record is stored in
+ * /usr/vesk/etc/bandwidth/bandwidth.<protocol>.conf as the section
+ * "user-<uid>" or "group-<gid>"; global records in bandwidth.global.conf as
+ * the section named by the protocol.  Rates are KB/s.
  * ---------------------------------------------------------------------- */
 
+/* Empties the caller's hash (*ppHash, from VLIBCSzHashAlloc; the handle may be
+ * replaced) and fills it with the record's keys ("id", "state", "owner type",
+ * "protocol type", "upload rate", "download rate", "upload rate custom",
+ * "download rate custom", "schedule plan").  A value without a name leaves
+ * its key out (logged).  0, or -1: a missing argument (BW_ERR_BAD_PARAMETERS)
+ * or a failed hash store. */
 VESK_API int VESKBandwidthInitHashFromConf(VLIBC_SZHASH **ppHash, const VESK_BANDWIDTH_CONF *pConf);
+/* Sets the fields whose keys the hash holds; the others keep what the caller
+ * put there, and an unknown name is logged and skipped.  0, or -1: a missing
+ * argument, or a number with text after its digits (BW_ERR_BAD_VALUE; the
+ * fields before it are already set).  Numbers past their range are cut. */
 VESK_API int VESKBandwidthInitConfFromHash(VESK_BANDWIDTH_CONF *pConf, const VLIBC_SZHASH *pHash);
+/* The same for a global record: keys "state", "user-group policy",
+ * "inter-group policy", "occupy policy", "schedule plan"; iCurState and
+ * iProtocol are neither written nor read. */
 VESK_API int VESKBandwidthInitHashFromGlobalConf(VLIBC_SZHASH **ppHash, const VESK_BANDWIDTH_GLOBAL_CONF *pConf);
 VESK_API int VESKBandwidthInitGlobalConfFromHash(VESK_BANDWIDTH_GLOBAL_CONF *pConf, const VLIBC_SZHASH *pHash);
 
+/* Writes the limit file path of protocol_type (VESK_BW_PROTOCOL_ALL: the
+ * global file) into szConfPath, cut to cbConfPath - 1 characters.  0, or -1
+ * when szConfPath is missing or the protocol has no name. */
 VESK_API int VESKBandwidthConfPath(int protocol_type, char *szConfPath, size_t cbConfPath);
+/* Reads the limit of owner (VESK_BW_OWNER_USER and a uid, or
+ * VESK_BW_OWNER_GROUP and a gid) for protocol_type into *pConf.  A limit never
+ * stored reads as state NotExisted with rates 0; iCurState and ullCurRate are
+ * 0.  0, or -1: VESK_BW_PROTOCOL_ALL or a missing record
+ * (BW_ERR_BAD_PARAMETERS), a protocol or owner type without a name, an
+ * unreadable file or a malformed stored number (BW_ERR_BAD_VALUE). */
 VESK_API int VESKBandwidthConfGetByID(int owner_type, unsigned int id, int protocol_type, VESK_BANDWIDTH_CONF *pConf);
+/* Stores *pConf as the section of its owner in the limit file of its
+ * iProtocol, replacing an earlier one; creates the directory and the file
+ * when missing.  Sends no reload notice.  0 or -1. */
 VESK_API int VESKBandwidthConfSetByID(const VESK_BANDWIDTH_CONF *pConf);
 
+/* Reads the global record of protocol_type into *pConf.  A protocol without
+ * one reads as state NotExisted, policies user-first, max, max, and an empty
+ * plan; iCurState is disabled.  0, or -1 as for VESKBandwidthConfGetByID. */
 VESK_API int VESKBandwidthGlobalConfGet(int protocol_type, VESK_BANDWIDTH_GLOBAL_CONF *pConf);
-/* Stores the record (NotExisted becomes disabled) and signals the simulators. */
+/* Stores the record as the section of its iProtocol (VESK_BW_PROTOCOL_ALL is
+ * the section "all"); a state of NotExisted is first set to disabled in the
+ * caller's record.  On success the simulators are told to reload
+ * (VESKBandwidthHupSimulator).  0 or -1. */
 VESK_API int VESKBandwidthGlobalConfSet(VESK_BANDWIDTH_GLOBAL_CONF *pConf);
 
+/* Print the header line, or one row of a limit record (its rates in force,
+ * ullCurRate, and the owner's account name; a VESK_BANDWIDTH_LIMIT may be
+ * passed as its leading VESK_BANDWIDTH_CONF) or of a global record, to fp.
+ * Values without a name print as "unknown(<value>)".  0, or -1: a missing
+ * argument, an owner that is not found or whose type is neither user nor
+ * group (BW_ERR_UNKNOWN_CONF_TYPE), a protocol without a name. */
 VESK_API int VESKBandwidthConfDumpHeader(FILE *fp);
 VESK_API int VESKBandwidthConfDump(FILE *fp, const VESK_BANDWIDTH_CONF *pConf);
 VESK_API int VESKBandwidthGlobalConfDumpHeader(FILE *fp);
 VESK_API int VESKBandwidthGlobalConfDump(FILE *fp, const VESK_BANDWIDTH_GLOBAL_CONF *pConf);
 
 /* ------------------------------------------------------------------------
- * Transfer status store.
+ * Transfer status store.  Each running transfer has a section "<pid>-<transfer
+ * type>" in /tmp/bandwidth/user-<uid> and, scaled by its occupy share, in
+ * /tmp/bandwidth/group-<gid> of every group it occupies.  The files are
+ * shared by all processes without locks; a section not saved for 30 seconds
+ * is stale and dropped by the enumeration.
  * ---------------------------------------------------------------------- */
 
+/* A status record to and from its twelve keys ("pid", "id", "uid", "active",
+ * "timestamp", "current speed", "expect speed", "filename", "owner type",
+ * "protocol type", "transfer type", "progress"), as for the limit records;
+ * "pid" and "timestamp" ignore text after their digits. */
 VESK_API int VESKBandwidthInitHashFromStatus(VLIBC_SZHASH **ppHash, const VESK_BANDWIDTH_STATUS *pStatus);
 VESK_API int VESKBandwidthInitStatusFromHash(VESK_BANDWIDTH_STATUS *pStatus, const VLIBC_SZHASH *pHash);
 
-/* 1 replaced / removed / appended, 0 absent (or already present for the append), -1 failure. */
+/* Replace (SetSection) or remove (RemoveSection) section szSection of the
+ * existing status file szFile, by a rewrite that replaces the file
+ * atomically.  1 done, 0 no such section (BW_ERR_NOT_FOUND), -1 on failure.
+ * AddSection appends the section (creating the file): 1 appended, 0 when the
+ * file already has it (nothing written), -1 on failure. */
 VESK_API int VESKBandwidthStatusSetSection(const char *szFile, const char *szSection, const VLIBC_SZHASH *pHash);
 VESK_API int VESKBandwidthStatusRemoveSection(const char *szFile, const char *szSection);
 VESK_API int VESKBandwidthStatusAddSection(const char *szFile, const char *szSection, const VLIBC_SZHASH *pHash);
 
+/* Fills *pStatus for a new transfer of this process (direction transfer_type,
+ * file name szFileName) and, when the configuration limits it, saves it and
+ * sets *pTime to now (microseconds) for the first sleep-loop pass.  0 or -1. */
 VESK_API int VESKBandwidthStatusInit(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type, const char *szFileName,
                                      int64_t *pTime, VESK_BANDWIDTH_STATUS *pStatus);
+/* Saves *pStatus into the file of user uid and, unless pConfig is NULL, a copy
+ * into the file of every group it occupies (current speed scaled by the
+ * share, expected speed that group's).  The record is as it was afterwards.
+ * 0, or -1: uid UID_ERR or pStatus missing (BW_ERR_BAD_PARAMETERS), or a
+ * failed write. */
 VESK_API int VESKBandwidthStatusSave(uid_t uid, const VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *pStatus);
+/* Reads the section of process pid (StatusGet: this process) and direction
+ * transfer_type (not VESK_BW_TRANSFER_ALL) from the status file of the owner
+ * into *pStatus; fields without a key keep their values.  0, or -1 (also when
+ * the file or the section is missing). */
 VESK_API int VESKBandwidthIStatusGet(int owner_type, unsigned int id, pid_t pid, int transfer_type,
                                      VESK_BANDWIDTH_STATUS *pStatus);
 VESK_API int VESKBandwidthStatusGet(int owner_type, unsigned int id, int transfer_type, VESK_BANDWIDTH_STATUS *pStatus);
 
-/* The number of fresh records listed (the head is written only when > 0), or -1. */
+/* Lists the fresh transfers of the owner's status file (IStatusGetAll: of the
+ * file szStatusFile) whose protocol and direction match the masks
+ * protocol_type and transfer_type, newest section first, as a list linked
+ * through pNext; deletes stale sections on the way.  blMerge 1 merges the
+ * records of one protocol and direction.  Returns the number listed; the head
+ * is written only when it is above 0.  -1 on failure.  Set the head to NULL
+ * before the call and always free it with VESKBandwidthStatusListFree. */
 VESK_API int VESKBandwidthStatusGetAll(int owner_type, unsigned int id, int protocol_type, unsigned int transfer_type,
                                        VESK_BANDWIDTH_STATUS **pStatusList);
 VESK_API int VESKBandwidthIStatusGetAll(const char *szStatusFile, int protocol_type, unsigned int transfer_type,
                                         VESK_BANDWIDTH_STATUS **pStatusList, int blMerge);
+/* Frees every record of the list and sets the head to NULL; an empty list is fine. */
 VESK_API void VESKBandwidthStatusListFree(VESK_BANDWIDTH_STATUS **ppList);
 
+/* Remove the sections of this process (ForceRemoveAllByUserName: of process
+ * pid) for the directions in the mask transfer_type: from the configuration's
+ * user file and occupied groups; from the files of the iCount groups given
+ * (a count below 1 does nothing); from the files of the user and of every
+ * group of the user.  A missing file or section is no failure.  0 or -1. */
 VESK_API int VESKBandwidthStatusRemove(const VESK_BANDWIDTH_CONFIG *pConfig, unsigned int transfer_type);
 VESK_API int VESKBandwidthStatusRemoveByOccGroups(const unsigned int *pGroups, int iCount, unsigned int transfer_type);
 VESK_API int VESKBandwidthStatusForceRemoveAllByUserName(const char *szUserName, unsigned int transfer_type, pid_t pid);
 VESK_API int VESKBandwidthStatusForceRemoveAllByUID(uid_t uid, unsigned int transfer_type);
+/* Sets the active flag of process pid's transfer in the named user's file;
+ * active 0 makes that transfer's next sleep-loop pass end it
+ * (BW_ERR_DEACTIVATED).  0 or -1. */
 VESK_API int VESKBandwidthStatusSetActiveByUserName(const char *szUserName, int transfer_type, pid_t pid,
                                                     unsigned int active);
 
+/* Prints one line for the record: owner name, protocol, direction, pid, last
+ * save, expected and current speed (KB/s), progress (%), file name.  0, or -1
+ * when an argument is missing or the owner is not found. */
 VESK_API int VESKBandwidthStatusDump(FILE *fp, const VESK_BANDWIDTH_STATUS *pStatus);
 
 /* ------------------------------------------------------------------------
  * Throttling engine.
  * ---------------------------------------------------------------------- */
 
+/* Builds the throttle configuration of user uid for protocol_type into the
+ * zero-filled *pConfig: the global record, then (unless the protocol is
+ * disabled) the limits in force, with the schedules resolved for now.  0, or
+ * -1: uid UID_ERR, VESK_BW_PROTOCOL_ALL or pConfig missing
+ * (BW_ERR_BAD_PARAMETERS), an unreadable limit or an unknown user.  Release
+ * it with VESKBandwidthConfigFree whatever the result. */
 VESK_API int VESKBandwidthConfigGet(uid_t uid, int protocol_type, VESK_BANDWIDTH_CONFIG *pConfig);
-/* The number of limit records placed in *ppLimit, or -1. */
+/* The limit records of user uid that are enabled or scheduled: the user's own
+ * first, then (unless the user-group policy is user-only) those of the user's
+ * groups in the order of the group list.  Returns their number, the new array
+ * (NULL for none) in *ppLimit and the two flags; -1 on failure, *ppLimit
+ * unchanged. */
 VESK_API int VESKBandwidthLimitInit(uid_t uid, const VESK_BANDWIDTH_GLOBAL_CONF *pGlobalConf,
                                     VESK_BANDWIDTH_LIMIT **ppLimit, uint32_t *pblUserConfExist,
                                     uint32_t *pblGroupConfExist);
-/* Resolves the schedules for llTimeUs (0: now); 1 when a schedule was evaluated. */
+/* Resolves the schedules of the configuration for the local hour of the week
+ * of llTimeUs (microseconds since the epoch; 0: now): iCurState and
+ * ullCurRate.  Returns 1 when a schedule was evaluated, else 0. */
 VESK_API int VESKBandwidthInitConfig(VESK_BANDWIDTH_CONFIG *pConfig, int64_t llTimeUs);
+/* 1 when the protocol limits at this hour and some limit was read, else 0
+ * (also for NULL). */
 VESK_API int VESKBandwidthConfCheckEnabled(const VESK_BANDWIDTH_CONFIG *pConfig);
+/* 1 when some limit record is enabled at this hour, else 0 (also for NULL). */
 VESK_API int VESKBandwidthIsUserGroupLimitEnable(const VESK_BANDWIDTH_CONFIG *pConfig);
-/* pGroups must hold BW_OCC_GROUPS_MAX entries. */
+/* Writes the gids of the group limits with a non-zero occupy share, in order,
+ * into pGroups (BW_OCC_GROUPS_MAX entries; more are left out and logged) and
+ * their number into *piOccGroups.  0, or -1 when an argument is missing. */
 VESK_API int VESKBandwidthOccGroupsGet(uint32_t *pGroups, int *piOccGroups, const VESK_BANDWIDTH_CONFIG *pConfig);
+/* Frees the limit records and zero-fills the record; NULL is accepted. */
 VESK_API void VESKBandwidthConfigFree(VESK_BANDWIDTH_CONFIG *pConfig);
 
+/* The speed in bytes/s (0 unlimited) that limit pConf allows one transfer of
+ * user uid in direction transfer_type (upload or download), shared with the
+ * other active transfers in that limit's status file, those of process pid
+ * left out: an equal part per user and per transfer of the user, or what
+ * the others leave unused when that is more.  0, or -1. */
 VESK_API int VESKBandwidthExpectSpeedEstimate(uid_t uid, const VESK_BANDWIDTH_LIMIT *pConf, int transfer_type,
                                               uint64_t *pMaxSpeedBps, pid_t pid);
+/* The speed in bytes/s (0 unlimited) that the transfer may have under the
+ * configuration's policies, into *pSpeedBps; each limit in force at its
+ * configured rate (blShare 0) or shared among the running transfers (1: reads
+ * the status files).  Rewrites ullMaxSpeedBps and ullOccupyShare (1/10000) of
+ * the limit records.  0, or -1: VESK_BW_TRANSFER_ALL, a missing argument, an
+ * unknown policy. */
 VESK_API int VESKBandwidthExpectSpeedEstimateByPolicy(int transfer_type, VESK_BANDWIDTH_CONFIG *pConfig,
                                                       uint64_t *pSpeedBps, int blShare);
 
-/* One pass after every chunk: 0 continue, -1 end the transfer
- * (BW_ERR_DEACTIVATED when it was switched off from outside). */
+/* One pass after every chunk of cbTransferred bytes: works out the allowed
+ * speed, sleeps as long as it requires since *pTimeLast (microseconds,
+ * advanced by a complete pass), records the speed reached and the progress
+ * (1/10000) and saves the transfer's status.  Returns 0 to go on (also when
+ * no limit is in force now), -1 to end the transfer: BW_ERR_DEACTIVATED when
+ * it was switched off from outside, else the failure's code. */
 VESK_API int VESKBandwidthSleepInLoop(VESK_BANDWIDTH_CONFIG *pConfig, uint64_t cbTransferred, uint32_t progress,
                                       int64_t *pTimeLast, VESK_BANDWIDTH_STATUS *pStatus);
 
+/* The number of bytes to move next into *pTransferBytes: ullRequestBytes, but
+ * at most five seconds of data at the speed that the configured rates allow.
+ * 0, or -1 when an argument is missing or the policies cannot be evaluated. */
 VESK_API int VESKBandwidthTransferSizeEstimate(const VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type,
                                                uint64_t ullRequestBytes, uint64_t *pTransferBytes);
-/* pSpeedsBps[1] upload, pSpeedsBps[2] download; [0] untouched. */
+/* The speeds in bytes/s (0 unlimited) that user uid would get now on
+ * protocol_type from the configured rates: pSpeedsBps[1] upload,
+ * pSpeedsBps[2] download ([0] untouched; the array holds three).  0 or -1. */
 VESK_API int VESKBandwidthPreview(uid_t uid, int protocol_type, uint64_t *pSpeedsBps);
 
 /* ------------------------------------------------------------------------
  * Reload notification and simulation.
  * ---------------------------------------------------------------------- */
 
+/* Sends SIGHUP to every web file manager worker (a process whose first
+ * argument names a VESK.Lanternpost transfer API). */
 VESK_API void VESKBandwidthHupLanternpost(void);
+/* Sends SIGUSR2 to the process group of the WebDAV server named in
+ * /run/httpd/httpd-webdav.pid.  Returns what the pid file gives when it is
+ * below 1 (-1 missing or malformed), else killpg's result (0, or -1 with errno). */
 VESK_API int VESKBandwidthHupWebDAV(void);
+/* Runs "/usr/bin/killall -sighup veskbandwidth" (output discarded) and
+ * returns its exit status, or -1. */
 VESK_API int VESKBandwidthHupSimulator(void);
+/* Reloads a transfer's configuration between two chunks after SIGHUP: takes
+ * its group copies out, builds the configuration anew, removes its entries
+ * when nothing limits it any more, and replaces *pConfig (the old one is
+ * freed).  *pTime is set to now.  0, or -1 with *pConfig kept as it was. */
 VESK_API int VESKBandwidthHupRecv(VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *pStatus, int64_t *pTime);
+/* Plays a throttled transfer of size units of 1 KiB for the named user,
+ * 64 KiB per sleep-loop pass, reloading on SIGHUP (the handler is installed
+ * here), and removes it at the end.  0, or -1 on a failure or when the
+ * transfer was switched off. */
 VESK_API int VESKBandwidthSimulate(const char *szUserName, int protocol_type, int transfer_type, size_t size);
 
 #ifdef __cplusplus
