@@ -1,6 +1,5 @@
 // The expected speed of a transfer: one limit shared among the transfers in
 // its status file, and the limits in force joined by the three policies.
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,21 +11,11 @@
 namespace {
 
 const int kDown = VESK_BW_TRANSFER_DOWNLOAD;
-const int kDisabled = -1;  // a record disabled by its schedule, with what an earlier pass left in it
 
 class ExpectSpeedTest : public vbw::SandboxTest {};
 
 VESK_BANDWIDTH_LIMIT U(uint64_t kbs) { return vbw::Limit(VESK_BW_OWNER_USER, 1026, kbs, kbs); }
-VESK_BANDWIDTH_LIMIT G(unsigned gid, int64_t kbs)
-{
-    VESK_BANDWIDTH_LIMIT limit = vbw::Limit(VESK_BW_OWNER_GROUP, gid, kbs, kbs);
-    if (kDisabled == kbs) {
-        limit.iCurState = VESK_BW_STATE_DISABLED;
-        limit.ullMaxSpeedBps = 102400;
-        limit.ullOccupyShare = 77;
-    }
-    return limit;
-}
+VESK_BANDWIDTH_LIMIT G(unsigned gid, uint64_t kbs) { return vbw::Limit(VESK_BW_OWNER_GROUP, gid, kbs, kbs); }
 
 // "speed | share share ..." after one evaluation ("fail | ..." on -1), with
 // each record's share followed by "/speed" when asked.
@@ -42,108 +31,16 @@ std::string Eval(VESK_BANDWIDTH_CONFIG &config, int transfer, int blShare, bool 
     return text;
 }
 
-std::string Eval(std::vector<VESK_BANDWIDTH_LIMIT> limits, int userGroup, int interGroup, int occupy,
-                 int blShare = 0)
+// A limit whose status file cannot be named fails the shared pass only.
+TEST_F(ExpectSpeedTest, UnnamedStatusFileFailsTheSharedPassOnly)
 {
-    VESK_BANDWIDTH_CONFIG config = {1026, (int)limits.size(), 0, 0, limits.data(),
-                                    vbw::GlobalConf(0, {0, userGroup, interGroup, occupy, ""})};
-    return Eval(config, kDown, blShare);
-}
-
-uint64_t Estimate(const VESK_BANDWIDTH_LIMIT &limit)
-{
-    uint64_t speed = 0;
-    EXPECT_EQ(0, VESKBandwidthExpectSpeedEstimate(1026, &limit, kDown, &speed, getpid()));
-    return speed;
-}
-
-TEST_F(ExpectSpeedTest, OneLimitSharedAmongTheTransfersUnderIt)
-{
-    EXPECT_EQ(524288u, Estimate(U(512)));
-    vbw::WriteStatusFile("user", 1026, {{5001, 1026, 100000}, {5002, 1026, 200000}});
-    EXPECT_EQ(224288u, Estimate(U(512)));  // the leftover beats 524288 / 3
-    vbw::WriteStatusFile("user", 1026, {{5001, 1026, 300000}, {5002, 1026, 300000}});
-    EXPECT_EQ(174762u, Estimate(U(512)));
-
-    // Group limit: the caller has one other transfer, B one, E two: T = 2, U = 3.
-    for (uint64_t speed : {9000, 300000}) {
-        vbw::WriteStatusFile("group", 100, {{5001, 1026, speed}, {5002, 1027, speed}, {5003, 1030, speed},
-                                            {5004, 1030, speed}});
-        EXPECT_EQ(9000 == speed ? 1024000u - 36000u : 170666u, Estimate(G(100, 1000)));
-    }
-}
-
-TEST_F(ExpectSpeedTest, OwnAndInactiveEntriesDoNotCount)
-{
-    vbw::StatusEntry own = {getpid(), 1026, 900000}, active = {5003, 1027, 300000}, inactive = {5002, 1027, 0, 0};
-    // The list runs in reverse file order: B's inactive entry comes first and keeps B out of the users.
-    vbw::WriteStatusFile("group", 100, {active, inactive, own});
-    EXPECT_EQ(1024000u, Estimate(G(100, 1000)));
-    vbw::WriteStatusFile("group", 100, {inactive, active, own});
-    EXPECT_EQ(1024000u - 300000u, Estimate(G(100, 1000)));  // B counts: F = 512000 < R
-}
-
-TEST_F(ExpectSpeedTest, PoliciesWithAnUnlimitedSide)
-{
-    for (int blShare : {0, 1}) {
-        EXPECT_EQ("102400 | 0 0", Eval({U(0), G(100, 100)}, VESK_BW_POLICY_MIN, VESK_BW_POLICY_MIN, 0, blShare));
-        EXPECT_EQ("0 | 0 0", Eval({U(0), G(100, 100)}, VESK_BW_POLICY_MAX, VESK_BW_POLICY_MIN, 0, blShare));
-        EXPECT_EQ("0 | 0 0", Eval({U(0), G(100, 100)}, VESK_BW_POLICY_SUM, VESK_BW_POLICY_MIN, 0, blShare));
-        EXPECT_EQ("0 | 0 0", Eval({U(0), G(100, 100)}, VESK_BW_POLICY_USER_ONLY, VESK_BW_POLICY_MIN, 0, blShare));
-    }
-}
-
-TEST_F(ExpectSpeedTest, InterGroupPoliciesAndOccupiedGroups)
-{
-    const int groupOnly = VESK_BW_POLICY_GROUP_ONLY;
-    auto three = {G(100, 0), G(101, 200), G(102, 100)};
-    EXPECT_EQ("102400 | 0 0 10000", Eval(three, groupOnly, VESK_BW_POLICY_MIN, VESK_BW_OCCUPY_MIN));
-    EXPECT_EQ("0 | 10000 0 0", Eval(three, groupOnly, VESK_BW_POLICY_MAX, VESK_BW_OCCUPY_MAX));
-    EXPECT_EQ("0 | 10000 10000 10000", Eval(three, groupOnly, VESK_BW_POLICY_SUM, VESK_BW_OCCUPY_ALL));
-    // Ties stay with the earlier record.
-    EXPECT_EQ("614400 | 10000 0", Eval({G(100, 300), G(101, 300)}, groupOnly, VESK_BW_POLICY_SUM, VESK_BW_OCCUPY_MIN));
-    EXPECT_EQ("307200 | 10000 0", Eval({G(100, 300), G(101, 300)}, groupOnly, VESK_BW_POLICY_MAX, VESK_BW_OCCUPY_MAX));
-    // User-first with a user record: the user's speed, and every group in force is still booked.
-    EXPECT_EQ("65536 | 0 10000 10000 77", Eval({U(64), G(100, 100), G(101, 0), G(102, kDisabled)},
-                                               VESK_BW_POLICY_USER_FIRST, VESK_BW_POLICY_MIN, VESK_BW_OCCUPY_ALL));
-}
-
-TEST_F(ExpectSpeedTest, WeightedShares)
-{
-    const int weighted = VESK_BW_OCCUPY_WEIGHTED;
-    EXPECT_EQ("0 | 5000 5000 0", Eval({G(100, 0), G(101, 0), G(102, 300)}, 1, VESK_BW_POLICY_MAX, weighted));
-    EXPECT_EQ("51200 | 0 2500 7500", Eval({U(50), G(100, 100), G(101, 300)}, 4, 4, 42));  // unknown: weighted
-    EXPECT_EQ("102400 | 10000", Eval({G(100, 100)}, 1, 4, weighted));
-    // A disabled group record is weighed too, by the speed an earlier pass left in it.
-    EXPECT_EQ("102400 | 10000 10000", Eval({G(100, 100), G(101, kDisabled)}, 3, 4, weighted));
-    EXPECT_EQ("0 | 77", Eval({G(101, kDisabled)}, 3, 4, weighted));  // nothing in force: shares kept
-}
-
-TEST_F(ExpectSpeedTest, RefusedArgumentsAndPolicies)
-{
-    VESK_BANDWIDTH_LIMIT limits[] = {G(100, 100), G(101, 100)};
-    VESK_BANDWIDTH_CONFIG config = {0, 2, 0, 0, limits, vbw::GlobalConf(0, {0, 0, 3, 0, ""})};
-    EXPECT_EQ("fail | 0 0", Eval(config, VESK_BW_TRANSFER_ALL, 0));
-    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
-    EXPECT_EQ("fail | 0 0", Eval(config, kDown, 0));
-    EXPECT_TRUE(log.Contains("unknown inter_group_policy [3] ")) << log.Dump();
-
-    config.iLimitCount = 1;  // one group never looks at the inter-group policy
-    config.globalConf.iUserGroupPolicy = (VESK_BW_GROUP_POLICY)7;
-    EXPECT_EQ("fail | 0", Eval(config, kDown, 0));
-    EXPECT_TRUE(log.Contains("unknown group policy [7] ")) << log.Dump();
-    config.iLimitCount = -1;  // a failed build: nothing in force, but the policy is examined
-    EXPECT_EQ("fail |", Eval(config, kDown, 0));
-    config.iLimitCount = 0;  // no limit at all: nothing is examined
-    EXPECT_EQ("0 |", Eval(config, kDown, 0));
-
-    // A limit whose status file cannot be named fails the shared pass only.
-    config.iLimitCount = 1;
-    config.globalConf.iUserGroupPolicy = VESK_BW_POLICY_MIN;
+    VESK_BANDWIDTH_LIMIT limits[] = {G(100, 100)};
+    VESK_BANDWIDTH_CONFIG config = {0, 1, 0, 0, limits, vbw::GlobalConf(0, {0, 4, 4, 0, ""})};
     limits[0].iOwnerType = (VESK_BW_OWNER_TYPE)7;
     EXPECT_EQ("102400 | 0", Eval(config, kDown, 0));
     EXPECT_EQ("fail | 0", Eval(config, kDown, 1));
-    EXPECT_TRUE(log.Contains("VESKBandwidthExpectSpeedEstimate failed.")) << log.Dump();
+    EXPECT_TRUE(log.From("bandwidth_expect_speed_estimate_by_policy.cpp", "VESKBandwidthExpectSpeedEstimate failed."))
+        << log.Dump();
 }
 
 // ---------------------------------------------------------------------------

@@ -1,5 +1,6 @@
 #include "vbw_test.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -22,20 +23,12 @@ namespace {
 
 const char kDevLog[] = "/dev/log";
 
-// "<11>Nov 22 22:29:00 tag[pid]: message" -> "message".
+// "<11>Nov 22 22:29:00 tag[pid]: message" -> "message" (the date takes 16 characters).
 std::string StripSyslogPrefix(const std::string &datagram)
 {
-    size_t start = 0;
-    if (!datagram.empty() && datagram[0] == '<') {
-        size_t close = datagram.find('>');
-        // The timestamp is "Mmm dd hh:mm:ss " (16 characters) after the priority.
-        size_t tag = close == std::string::npos ? 0 : close + 1 + 16;
-        size_t colon = datagram.find(": ", tag);
-        if (colon != std::string::npos) {
-            start = colon + 2;
-        }
-    }
-    return datagram.substr(start);
+    size_t close = datagram.compare(0, 1, "<") == 0 ? datagram.find('>') : std::string::npos;
+    size_t colon = close == std::string::npos ? close : datagram.find(": ", close + 1 + 16);
+    return colon == std::string::npos ? datagram : datagram.substr(colon + 2);
 }
 
 // Held by the log reader while it allocates and by Fork while it forks.
@@ -50,13 +43,7 @@ std::mutex &ForkMutex()
 bool InSandbox()
 {
     const char *flag = std::getenv("VBW_SANDBOX");
-    if (flag == nullptr || std::strcmp(flag, "1") != 0) {
-        return false;
-    }
-    std::ifstream comm("/proc/1/comm");
-    std::string init;
-    std::getline(comm, init);
-    return init == "vbw-init";
+    return flag != nullptr && std::strcmp(flag, "1") == 0 && ReadFile("/proc/1/comm") == "vbw-init\n";
 }
 
 LogCapture::LogCapture()
@@ -142,31 +129,23 @@ void LogCapture::Clear()
 
 int LogCapture::Count(const std::string &substring)
 {
-    int count = 0;
-    for (const std::string &line : Lines()) {
-        count += line.find(substring) != std::string::npos ? 1 : 0;
-    }
-    return count;
+    std::vector<std::string> lines = Lines();
+    return (int)std::count_if(lines.begin(), lines.end(), [&](const std::string &line) { return Has(line, substring); });
 }
 
 bool LogCapture::From(const std::string &origin, const std::string &substring)
 {
-    for (const std::string &line : Lines()) {
-        if (line.compare(0, origin.size() + 1, origin + ":") == 0 && line.find(substring) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    std::vector<std::string> lines = Lines();
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string &line) {
+        return line.compare(0, origin.size() + 1, origin + ":") == 0 && Has(line, substring);
+    });
 }
 
 std::string LogCapture::Dump()
 {
     std::string all;
     for (const std::string &line : Lines()) {
-        all += line;
-        if (all.empty() || all.back() != '\n') {
-            all += '\n';
-        }
+        all += !line.empty() && line.back() == '\n' ? line : line + "\n";
     }
     return all;
 }
@@ -231,7 +210,7 @@ void SetModified(const std::string &path, time_t when)
 int Occurrences(const std::string &text, const std::string &what)
 {
     int count = 0;
-    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at) {
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
         ++count;
     }
     return count;
@@ -262,9 +241,8 @@ std::string Printed(const std::function<int(FILE *)> &print, int result)
 
 int64_t NowMs()
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 bool WaitUntil(const std::function<bool()> &cond, int timeoutMs)

@@ -1,6 +1,5 @@
-// Test support: every test program runs inside vbw-sandbox (fresh /usr/vesk,
-// /tmp/bandwidth, /run, /etc accounts and /dev/log in private namespaces).
-// SandboxTest refuses to run outside it and captures the library's syslog lines.
+// Test support: every test runs inside vbw-sandbox; SandboxTest refuses to
+// run outside it and captures the library's syslog lines.
 #ifndef VBW_TEST_H
 #define VBW_TEST_H
 
@@ -18,9 +17,8 @@
 
 namespace vbw {
 
-// A datagram socket bound at /dev/log that collects every syslog line of this
-// process and of its children, with the "<pri>date tag: " prefix removed, so a
-// line reads "bandwidth_enum.cpp:42 glob failed, iProtocol=7".
+// Collects every syslog line of this process and its children at /dev/log,
+// without the "<pri>date tag: " prefix: "bandwidth_enum.cpp:42 glob failed, iProtocol=7".
 class LogCapture {
 public:
     LogCapture();
@@ -45,7 +43,6 @@ private:
     std::vector<std::string> lines_;
 };
 
-// Base fixture: checks that the test runs in the sandbox and captures the log.
 class SandboxTest : public ::testing::Test {
 protected:
     void SetUp() override;
@@ -62,7 +59,6 @@ struct stat Stat(const std::string &path);  // of the path itself (lstat), a fai
 void SetModified(const std::string &path, time_t when);  // of the path itself
 int Occurrences(const std::string &text, const std::string &what);
 inline bool Has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
-// The paths that match a glob pattern, sorted; none when nothing matches.
 std::vector<std::string> Paths(const std::string &pattern);
 
 // What print wrote to a stream of its own; its result must be `result`.
@@ -71,10 +67,8 @@ std::string Printed(const std::function<int(FILE *)> &print, int result = 0);
 int64_t NowMs();  // monotonic
 bool WaitUntil(const std::function<bool()> &cond, int timeoutMs);
 
-// A child process that runs body and exits with its result.
-pid_t Fork(const std::function<int()> &body);
-// The exit status of a child, or -1 when it did not end within timeoutMs (it
-// is killed then) or was killed by a signal.
+pid_t Fork(const std::function<int()> &body);  // a child that exits with body's result
+// The child's exit status; -1 when killed by a signal or, killed then, not ended within timeoutMs.
 int WaitExit(pid_t pid, int timeoutMs);
 
 }  // namespace vbw

@@ -1,7 +1,5 @@
-// Fixtures of the library's records and files: records built in memory or
-// stored through the library, a throttle configuration held by a test,
-// platform hashes, status and limit files written directly in the section
-// syntax, a switch that replaces the platform's group list of a user,
+// Records, files and processes for the tests: records built in memory or
+// stored through the library, status and limit files, a fake group list,
 // simulator children and a killall stand-in.
 #ifndef VBW_THROTTLE_FIXTURE_H
 #define VBW_THROTTLE_FIXTURE_H
@@ -47,8 +45,7 @@ VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSettings &settin
 // Alice's active ftp download by pid, saved now, of the file "/share/f<pid>".
 VESK_BANDWIDTH_STATUS Status(pid_t pid, uint64_t current = 1000, uint64_t expect = 2000);
 
-// The fields of a limit record as text (rate slots 1 and 2), to compare
-// records whose padding and unused slots may differ.
+// The fields of a limit record as text (rate slots 1 and 2 only).
 std::string Text(const VESK_BANDWIDTH_CONF &conf);
 
 template <typename Record> bool SameBytes(const Record &a, const Record &b)
@@ -58,7 +55,6 @@ template <typename Record> bool SameBytes(const Record &a, const Record &b)
 
 typedef std::vector<std::pair<std::string, std::string>> Pairs;
 
-// A platform string hash of the given pairs, released with its scope.
 class Hash {
 public:
     Hash(std::initializer_list<std::pair<std::string, std::string>> pairs = {});
@@ -75,15 +71,13 @@ private:
     VLIBC_SZHASH *hash_;
 };
 
-// A test holding a throttle configuration of alice in memory; it is released
-// and the platform's group list is restored after the test.
+// A throttle configuration of alice held by the test, released after it.
 class ConfigTest : public SandboxTest {
 protected:
     void TearDown() override;
     // Replaces the limit records by copies of these.
     void Use(const std::vector<VESK_BANDWIDTH_LIMIT> &limits);
-    // Replaces them by limits of 100 KB/s down, each with its occupied share:
-    // alice's own for her uid, else a group's; a group limit is in force.
+    // Replaces them by 100 KB/s limits with these shares (alice's uid: her own, else groups').
     void Occupy(const std::vector<std::pair<unsigned, uint64_t>> &shares);
 
     VESK_BANDWIDTH_CONFIG config = {kAlice, 0, 0, 0, nullptr, {}};
@@ -107,24 +101,20 @@ std::string StatusFile(const std::string &owner, unsigned id);
 // Writes the status file of owner and id holding the entries as sections, in order.
 void WriteStatusFile(const std::string &owner, unsigned id, const std::vector<StatusEntry> &entries);
 
-// The sections of a section file: name -> key -> value.
 typedef std::map<std::string, std::map<std::string, std::string>> Sections;
 Sections ReadSections(const std::string &path);
 
-// The pairs of one section; empty when the file or the section is missing.
 std::map<std::string, std::string> ReadSection(const std::string &path, const std::string &section);
 bool HasSection(const std::string &path, const std::string &section);
 // Whether the status file of owner and id holds the download of pid.
 bool HasEntry(const std::string &owner, unsigned id, pid_t pid);
 
-// The section name of a transfer: "<pid>-<transfer type>".
 std::string SectionName(pid_t pid, int transfer_type);
 
 // Writes /usr/vesk/etc/bandwidth/<file> (the directory is created).
 void WriteConfFile(const std::string &file, const std::string &content);
 
-// From now on VLIBGroupInfoListGet answers with these entries for every
-// user; nullptr gives the platform's answer again.
+// VLIBGroupInfoListGet answers with these entries for every user; nullptr: the platform's answer.
 void FakeGroupList(const std::vector<std::string> *entries);
 
 // Stored through the library; rates in KB/s.
@@ -137,17 +127,14 @@ void StoreUsersGroupLimit(uint64_t downKBps);
 // A weekly plan with the same character at every hour.
 inline std::string WeekPlan(char c) { return std::string(168, c); }
 
-// A child named veskbandwidth, as the simulator tool is, that plays one
-// transfer and exits 0 when the simulation returned 0, else 1.
+// A child named veskbandwidth that plays one transfer; exits 0 when it succeeded, else 1.
 pid_t ForkSimulator(const char *user, int protocol, int transferType, size_t size);
 
-// Replaces /usr/bin/killall (an overlay in the sandbox) by a stand-in that
-// appends its arguments to /tmp/killall.args, hangs up every process named by
-// its second argument and exits with `status` (2 unless asked for -sighup).
+// A /usr/bin/killall that appends its arguments to /tmp/killall.args, hangs up
+// the processes named by its second argument and exits with status (2 unless -sighup).
 void InstallKillallStandIn(int status = 0);
 
-// Enumerates a status file (or a temporary file) as an administration tool
-// does: every protocol and direction, one record per section.
+// The count of an enumeration of the file: every protocol and direction, unmerged.
 int EnumerateFile(const std::string &path);
 
 }  // namespace vbw
