@@ -1,5 +1,5 @@
-// What every module shares: argument checks by kind, name tables and
-// add-on protocols with their caches, and the arithmetic where 0 is unlimited.
+// What every module shares: argument checks by kind, and add-on protocols
+// with their caches.
 #include <unistd.h>
 
 #include <cstdio>
@@ -81,8 +81,8 @@ TEST_F(EnumTest, AddonFilesDeclareNameAndNumberOnceAndOnlyOnce)
     EXPECT_EQ(BW_ERR_GLOB_FAILED, VLIBCErrGet());
     EXPECT_TRUE(log.From("bandwidth_enum.cpp", "glob failed, iProtocol=3")) << log.Dump();
 
-    for (const char *file : {"backup_app_32.json", "nodigits_x.json", "x_16.json", "y_16.json", "my_app_20.json",
-                             "my_tool_21.json"}) {
+    for (const char *file :
+         {"backup_app_32.json", "nodigits_x.json", "x_16.json", "y_16.json", "my_app_20.json", "my_tool_21.json"}) {
         Add(file);
     }
     EXPECT_EQ("backup_app", Name(VESK_BW_LIMIT_STATE_NAMES, 32));
@@ -116,28 +116,6 @@ TEST_F(EnumTest, FoundAddonsAreCachedMissesAreNot)
     EXPECT_EQ("media", Name(nullptr, 64));  // cached as first answered, cut
     EXPECT_EQ(64, VESKBandwidthEnumToValueAddon("media_sync"));
     EXPECT_EQ("late", Name(nullptr, 48));
-}
-
-TEST_F(CommonTest, ZeroIsTheLoosestLimitAndEstimatesTruncate)
-{
-    const struct {
-        uint64_t a, b;
-        int less, larger;
-        uint64_t sum;
-    } cases[] = {
-        {0, 5, 0, 1, 0}, {5, 0, 1, 0, 0}, {0, 0, 0, 0, 0}, {7, 7, 0, 0, 14}, {3, 7, 1, 0, 10}, {9, 7, 0, 1, 16},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(c.less, VESKBandwidthIsLessThan(c.a, c.b)) << c.a << " < " << c.b;
-        EXPECT_EQ(c.larger, VESKBandwidthIsLargerThan(c.a, c.b)) << c.a << " > " << c.b;
-        EXPECT_EQ(c.sum, VESKBandwidthSum(c.a, c.b)) << c.a << " + " << c.b;
-    }
-    // A speed takes at least one microsecond; a sleep is what remains of the chunk's due time.
-    EXPECT_EQ(131072u, VESKBandwidthSpeedEstimate(500000, 65536));
-    EXPECT_EQ(65536000000u, VESKBandwidthSpeedEstimate(-5, 65536));
-    EXPECT_EQ(250000, VESKBandwidthSleepEstimate(250000, 65536, 131072));
-    EXPECT_EQ(0, VESKBandwidthSleepEstimate(0, 1u << 30, 0));  // unlimited never waits
-    EXPECT_EQ(333332, VESKBandwidthSleepEstimate(1, 1, 3));
 }
 
 }  // namespace

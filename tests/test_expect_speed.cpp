@@ -14,8 +14,14 @@ const int kDown = VESK_BW_TRANSFER_DOWNLOAD;
 
 class ExpectSpeedTest : public vbw::SandboxTest {};
 
-VESK_BANDWIDTH_LIMIT U(uint64_t kbs) { return vbw::Limit(VESK_BW_OWNER_USER, 1026, kbs, kbs); }
-VESK_BANDWIDTH_LIMIT G(unsigned gid, uint64_t kbs) { return vbw::Limit(VESK_BW_OWNER_GROUP, gid, kbs, kbs); }
+VESK_BANDWIDTH_LIMIT U(uint64_t kbs)
+{
+    return vbw::Limit(VESK_BW_OWNER_USER, 1026, kbs, kbs);
+}
+VESK_BANDWIDTH_LIMIT G(unsigned gid, uint64_t kbs)
+{
+    return vbw::Limit(VESK_BW_OWNER_GROUP, gid, kbs, kbs);
+}
 
 // "speed | share share ..." after one evaluation ("fail | ..." on -1), with
 // each record's share followed by "/speed" when asked.
@@ -31,24 +37,20 @@ std::string Eval(VESK_BANDWIDTH_CONFIG &config, int transfer, int blShare, bool 
     return text;
 }
 
-// A limit whose status file cannot be named fails the shared pass only.
-TEST_F(ExpectSpeedTest, UnnamedStatusFileFailsTheSharedPassOnly)
-{
-    VESK_BANDWIDTH_LIMIT limits[] = {G(100, 100)};
-    VESK_BANDWIDTH_CONFIG config = {0, 1, 0, 0, limits, vbw::GlobalConf(0, {0, 4, 4, 0, ""})};
-    limits[0].iOwnerType = (VESK_BW_OWNER_TYPE)7;
-    EXPECT_EQ("102400 | 0", Eval(config, kDown, 0));
-    EXPECT_EQ("fail | 0", Eval(config, kDown, 1));
-    EXPECT_TRUE(log.From("bandwidth_expect_speed_estimate_by_policy.cpp", "VESKBandwidthExpectSpeedEstimate failed."))
-        << log.Dump();
-}
-
 // ---------------------------------------------------------------------------
 // An independent model of the whole evaluation, against random configurations
 // and status files.
 
-long double Rank(uint64_t speed) { return 0 == speed ? 1e30L : (long double)speed; }  // 0: loosest
-uint64_t Plus(uint64_t a, uint64_t b) { return (0 == a || 0 == b) ? 0 : a + b; }
+// Speeds in the order of tightness (0, unlimited, is the loosest), and their sum.
+long double Rank(uint64_t speed)
+{
+    return 0 == speed ? 1e30L : (long double)speed;
+}
+
+uint64_t Plus(uint64_t a, uint64_t b)
+{
+    return (0 == a || 0 == b) ? 0 : a + b;
+}
 
 uint64_t ModelShare(uint64_t limit, const std::vector<vbw::StatusEntry> &file, int transfer)
 {
@@ -111,11 +113,13 @@ std::string Model(VESK_BANDWIDTH_CONFIG cfg, std::vector<VESK_BANDWIDTH_LIMIT> l
         sum = k ? Plus(sum, l[groups[k]].ullMaxSpeedBps) : l[groups[k]].ullMaxSpeedBps;
     }
     if (haveGroup) {
-        group = (4 == g.iInterGroupPolicy) ? l[minIdx].ullMaxSpeedBps
-                : (5 == g.iInterGroupPolicy) ? l[maxIdx].ullMaxSpeedBps : sum;
+        group = (4 == g.iInterGroupPolicy)   ? l[minIdx].ullMaxSpeedBps
+                : (5 == g.iInterGroupPolicy) ? l[maxIdx].ullMaxSpeedBps
+                                             : sum;
     }
-    uint64_t one = haveUser ? user : group, both[7] = {user, group, one, haveGroup ? group : user,
-        Rank(group) < Rank(user) ? group : user, Rank(group) > Rank(user) ? group : user, Plus(user, group)};
+    uint64_t one = haveUser ? user : group, tighter = Rank(group) < Rank(user) ? group : user;
+    uint64_t looser = Rank(group) > Rank(user) ? group : user;
+    const uint64_t both[] = {user, group, one, haveGroup ? group : user, tighter, looser, Plus(user, group)};
     if (g.iUserGroupPolicy < 0 || g.iUserGroupPolicy > 6) {
         return out("fail");
     }
@@ -127,8 +131,8 @@ std::string Model(VESK_BANDWIDTH_CONFIG cfg, std::vector<VESK_BANDWIDTH_LIMIT> l
         for (int i = 0; i < cfg.iLimitCount; i++) {
             if (VESK_BW_OWNER_USER != l[i].iOwnerType && (0 == l[i].ullMaxSpeedBps || 0 == zeros)) {
                 l[i].ullOccupyShare = l[i].ullMaxSpeedBps ? l[i].ullMaxSpeedBps * 10000 / sum
-                                      : zeros           ? 10000 / zeros
-                                                        : 0;
+                                      : zeros             ? 10000 / zeros
+                                                          : 0;
             }
         }
     }
@@ -143,9 +147,9 @@ TEST_F(ExpectSpeedTest, MatchesAnIndependentModel)
         std::map<unsigned, std::vector<vbw::StatusEntry>> files;  // by id: user 1026, groups 100..103
         for (unsigned id : {1026u, 100u, 101u, 102u, 103u}) {
             for (int k = pick(6); k > 0; k--) {
-                vbw::StatusEntry e = {pick(4) ? 6000 + k : getpid(), 1026u + pick(4), (uint64_t)pick(400000),
-                                      pick(8) ? 1u : 0u, 1 + pick(2), pick(5) ? "ftp" : "webdav",
-                                      pick(10) ? 0 : 100};
+                vbw::StatusEntry e = {pick(4) ? 6000 + k : getpid(), 1026u + pick(4), (uint64_t)pick(400000)};
+                e.active = pick(8) ? 1 : 0, e.transfer = 1 + pick(2), e.age = pick(10) ? 0 : 100;
+                e.protocol = pick(5) ? "ftp" : "webdav";
                 files[id].push_back(e);
             }
             vbw::WriteStatusFile(1026 == id ? "user" : "group", id, files[id]);

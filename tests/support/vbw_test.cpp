@@ -130,7 +130,8 @@ void LogCapture::Clear()
 int LogCapture::Count(const std::string &substring)
 {
     std::vector<std::string> lines = Lines();
-    return (int)std::count_if(lines.begin(), lines.end(), [&](const std::string &line) { return Has(line, substring); });
+    return (int)std::count_if(lines.begin(), lines.end(),
+                              [&](const std::string &line) { return Has(line, substring); });
 }
 
 bool LogCapture::From(const std::string &origin, const std::string &substring)

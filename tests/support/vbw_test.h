@@ -26,13 +26,13 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    std::vector<std::string> Lines();               // all lines received so far
+    std::vector<std::string> Lines();  // all lines received so far
     void Clear();
-    int Count(const std::string &substring);        // lines that contain the text
+    int Count(const std::string &substring);  // lines that contain the text
     bool Contains(const std::string &substring) { return Count(substring) > 0; }
     // A line of the module `origin` ("bandwidth_enum.cpp") that contains the text.
     bool From(const std::string &origin, const std::string &substring);
-    std::string Dump();                             // all lines, for failure messages
+    std::string Dump();  // all lines, for failure messages
 
 private:
     void Drain();
@@ -55,10 +55,13 @@ std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &content, mode_t mode = 0644);
 void MakeDirs(const std::string &path, mode_t mode = 0755);
 bool Exists(const std::string &path);
-struct stat Stat(const std::string &path);  // of the path itself (lstat), a failure when missing
+struct stat Stat(const std::string &path);               // of the path itself (lstat), a failure when missing
 void SetModified(const std::string &path, time_t when);  // of the path itself
 int Occurrences(const std::string &text, const std::string &what);
-inline bool Has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+inline bool Has(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
 std::vector<std::string> Paths(const std::string &pattern);
 
 // What print wrote to a stream of its own; its result must be `result`.

@@ -43,8 +43,7 @@ void WriteStatusFile(const std::string &owner, unsigned id, const std::vector<St
             << "pid=" << e.pid << "\nid=" << id << "\nuid=" << e.uid << "\nactive=" << e.active
             << "\ntimestamp=" << (int64_t)time(NULL) - e.age << "\ncurrent speed=" << e.current
             << "\nexpect speed=" << e.expect << "\nfilename=/share/f" << e.pid << "\nowner type=" << owner
-            << "\nprotocol type=" << e.protocol << "\ntransfer type=" << TransferName(e.transfer)
-            << "\nprogress=0\n";
+            << "\nprotocol type=" << e.protocol << "\ntransfer type=" << TransferName(e.transfer) << "\nprogress=0\n";
     }
     MakeDirs("/tmp/bandwidth", 0777);
     WriteFile(StatusFile(owner, id), out.str(), 0666);
@@ -54,8 +53,7 @@ Sections ReadSections(const std::string &path)
 {
     Sections sections;
     std::istringstream in(ReadFile(path));
-    std::string line;
-    std::string current;
+    std::string line, current;
     while (std::getline(in, line)) {
         if (!line.empty() && '[' == line[0] && ']' == line.back()) {
             current = line.substr(1, line.size() - 2);
@@ -70,9 +68,7 @@ Sections ReadSections(const std::string &path)
 
 std::map<std::string, std::string> ReadSection(const std::string &path, const std::string &section)
 {
-    Sections all = ReadSections(path);
-    Sections::const_iterator found = all.find(section);
-    return all.end() == found ? std::map<std::string, std::string>() : found->second;
+    return ReadSections(path)[section];
 }
 
 bool HasSection(const std::string &path, const std::string &section)
@@ -126,18 +122,20 @@ std::string Text(const VESK_BANDWIDTH_CONF &conf)
     for (const uint64_t *rates : {conf.ullCurRate, conf.ullRate, conf.ullCustomRate}) {
         out << " rates " << rates[VESK_BW_TRANSFER_UPLOAD] << "/" << rates[VESK_BW_TRANSFER_DOWNLOAD];
     }
-    return out.str() + " plan " + std::string(conf.szSchedulePlan, strnlen(conf.szSchedulePlan, sizeof(conf.szSchedulePlan)));
+    return out.str() + " plan " +
+           std::string(conf.szSchedulePlan, strnlen(conf.szSchedulePlan, sizeof(conf.szSchedulePlan)));
 }
 
 VESK_BANDWIDTH_GLOBAL_CONF GlobalConf(int protocol, const GlobalSettings &settings)
 {
-    VESK_BANDWIDTH_GLOBAL_CONF conf;
-    memset(&conf, 0, sizeof(conf));
-    conf.iState = (VESK_BW_LIMIT_STATE)settings.state;
-    conf.iProtocol = (VESK_BW_PROTOCOL_TYPE)protocol;
-    conf.iUserGroupPolicy = (VESK_BW_GROUP_POLICY)settings.userGroup;
-    conf.iInterGroupPolicy = (VESK_BW_GROUP_POLICY)settings.interGroup;
-    conf.iOccupyPolicy = (VESK_BW_OCCUPY_POLICY)settings.occupy;
+    // No padding: every byte is set.
+    VESK_BANDWIDTH_GLOBAL_CONF conf = {VESK_BW_STATE_NOTEXISTED,
+                                       (VESK_BW_LIMIT_STATE)settings.state,
+                                       (VESK_BW_PROTOCOL_TYPE)protocol,
+                                       (VESK_BW_GROUP_POLICY)settings.userGroup,
+                                       (VESK_BW_GROUP_POLICY)settings.interGroup,
+                                       (VESK_BW_OCCUPY_POLICY)settings.occupy,
+                                       {}};
     snprintf(conf.szSchedulePlan, sizeof(conf.szSchedulePlan), "%s", settings.plan.c_str());
     return conf;
 }
@@ -164,16 +162,6 @@ Hash::Hash(std::initializer_list<std::pair<std::string, std::string>> pairs) : h
     for (const auto &pair : pairs) {
         EXPECT_LE(0, VLIBCSzHashSetValue(&hash_, pair.first.c_str(), pair.second.c_str()));
     }
-}
-
-Hash::~Hash()
-{
-    VLIBCSzHashFree(hash_);
-}
-
-const char *Hash::operator[](const char *key) const
-{
-    return VLIBCSzHashGetValue(hash_, key);
 }
 
 Pairs Hash::Contents() const
@@ -230,10 +218,7 @@ void StoreLimit(int ownerType, unsigned id, int protocol, uint64_t upKBps, uint6
 
 void StoreUsersGroupLimit(uint64_t downKBps)
 {
-    GlobalSettings settings;
-    settings.userGroup = VESK_BW_POLICY_GROUP_ONLY;
-    settings.occupy = VESK_BW_OCCUPY_ALL;
-    StoreGlobal(kFtp, settings);
+    StoreGlobal(kFtp, {VESK_BW_STATE_ENABLED, VESK_BW_POLICY_GROUP_ONLY, VESK_BW_POLICY_MAX, VESK_BW_OCCUPY_ALL, ""});
     StoreLimit(VESK_BW_OWNER_GROUP, kUsers, kFtp, 0, downKBps);
 }
 
@@ -254,7 +239,8 @@ void InstallKillallStandIn(int status)
               "for d in /proc/[0-9]*; do\n"
               "  [ \"$(cat \"$d/comm\" 2>/dev/null)\" = \"$2\" ] && kill -HUP \"${d#/proc/}\"\n"
               "done\n"
-              "exit " + std::to_string(status) + "\n",
+              "exit " +
+                  std::to_string(status) + "\n",
               0755);
 }
 

@@ -48,7 +48,8 @@ VESK_BANDWIDTH_STATUS Status(pid_t pid, uint64_t current = 1000, uint64_t expect
 // The fields of a limit record as text (rate slots 1 and 2 only).
 std::string Text(const VESK_BANDWIDTH_CONF &conf);
 
-template <typename Record> bool SameBytes(const Record &a, const Record &b)
+template <typename Record>
+bool SameBytes(const Record &a, const Record &b)
 {
     return 0 == memcmp(&a, &b, sizeof(a));
 }
@@ -58,13 +59,13 @@ typedef std::vector<std::pair<std::string, std::string>> Pairs;
 class Hash {
 public:
     Hash(std::initializer_list<std::pair<std::string, std::string>> pairs = {});
-    ~Hash();
+    ~Hash() { VLIBCSzHashFree(hash_); }
     Hash(const Hash &) = delete;
     Hash &operator=(const Hash &) = delete;
 
     VLIBC_SZHASH **Address() { return &hash_; }
     operator VLIBC_SZHASH *() const { return hash_; }
-    const char *operator[](const char *key) const;
+    const char *operator[](const char *key) const { return VLIBCSzHashGetValue(hash_, key); }
     Pairs Contents() const;  // in insertion order
 
 private:
@@ -125,7 +126,10 @@ void StoreLimit(int ownerType, unsigned id, int protocol, uint64_t upKBps, uint6
 void StoreUsersGroupLimit(uint64_t downKBps);
 
 // A weekly plan with the same character at every hour.
-inline std::string WeekPlan(char c) { return std::string(168, c); }
+inline std::string WeekPlan(char c)
+{
+    return std::string(168, c);
+}
 
 // A child named veskbandwidth that plays one transfer; exits 0 when it succeeded, else 1.
 pid_t ForkSimulator(const char *user, int protocol, int transferType, size_t size);
