@@ -25,12 +25,12 @@ extern "C" {
 #define BW_ERR_UNKNOWN_CONF_TYPE 0xD900
 
 /* Records the error code with the file name and line that detected it. */
-VESK_API void        VLIBCErrSetEx(int iCode, const char *szFile, int iLine);
+VESK_API void VLIBCErrSetEx(int iCode, const char *szFile, int iLine);
 /* The last code set in this thread (0 when none was ever set). */
-VESK_API int         VLIBCErrGet(void);
+VESK_API int VLIBCErrGet(void);
 /* File name and line of the last code set in this thread ("" and 0 when none). */
 VESK_API const char *VLIBCErrorGetFile(void);
-VESK_API int         VLIBCErrorGetLine(void);
+VESK_API int VLIBCErrorGetLine(void);
 
 #ifdef __cplusplus
 }

@@ -115,27 +115,27 @@ VESK_API extern const VESK_BW_ENUM_ENTRY VESK_BW_OCCUPY_POLICY_NAMES[];
 
 /* Sizes of the text fields, NUL included. */
 #define VESK_BW_SCHEDULE_PLAN_SIZE 256
-#define VESK_BW_FILENAME_SIZE 4096
+#define VESK_BW_FILENAME_SIZE      4096
 
 /* The limit of one user or group for one protocol.  The rate arrays are
  * indexed by transfer type: [1] upload, [2] download; KB/s. */
 typedef struct _VESK_BANDWIDTH_CONF {
-    unsigned int id;                    /* uid or gid of the owner */
-    VESK_BW_LIMIT_STATE iCurState;      /* state in force now (run time only) */
-    VESK_BW_LIMIT_STATE iState;         /* configured state */
+    unsigned int id;               /* uid or gid of the owner */
+    VESK_BW_LIMIT_STATE iCurState; /* state in force now (run time only) */
+    VESK_BW_LIMIT_STATE iState;    /* configured state */
     VESK_BW_PROTOCOL_TYPE iProtocol;
     VESK_BW_OWNER_TYPE iOwnerType;
-    uint64_t ullCurRate[4];             /* rates in force now (run time only) */
-    uint64_t ullRate[4];                /* normal rates */
-    uint64_t ullCustomRate[4];          /* custom rates */
+    uint64_t ullCurRate[4];                          /* rates in force now (run time only) */
+    uint64_t ullRate[4];                             /* normal rates */
+    uint64_t ullCustomRate[4];                       /* custom rates */
     char szSchedulePlan[VESK_BW_SCHEDULE_PLAN_SIZE]; /* 168 hour characters from Sunday 00:00 */
 } VESK_BANDWIDTH_CONF;
 
 /* The global settings of one protocol. */
 typedef struct _VESK_BANDWIDTH_GLOBAL_CONF {
-    VESK_BW_LIMIT_STATE iCurState;      /* state in force now (run time only) */
+    VESK_BW_LIMIT_STATE iCurState; /* state in force now (run time only) */
     VESK_BW_LIMIT_STATE iState;
-    VESK_BW_PROTOCOL_TYPE iProtocol;    /* names the section; not stored as a key */
+    VESK_BW_PROTOCOL_TYPE iProtocol; /* names the section; not stored as a key */
     VESK_BW_GROUP_POLICY iUserGroupPolicy;
     VESK_BW_GROUP_POLICY iInterGroupPolicy;
     VESK_BW_OCCUPY_POLICY iOccupyPolicy;
@@ -154,8 +154,8 @@ typedef struct _VESK_BANDWIDTH_LIMIT {
     uint64_t ullRate[4];
     uint64_t ullCustomRate[4];
     char szSchedulePlan[VESK_BW_SCHEDULE_PLAN_SIZE];
-    uint64_t ullMaxSpeedBps;            /* bytes/s, 0 unlimited */
-    uint64_t ullOccupyShare;            /* 1/10000 of the transfer's speed */
+    uint64_t ullMaxSpeedBps; /* bytes/s, 0 unlimited */
+    uint64_t ullOccupyShare; /* 1/10000 of the transfer's speed */
 } VESK_BANDWIDTH_LIMIT;
 
 /* The throttle configuration of one transfer.  Zero-fill it before
@@ -165,7 +165,7 @@ typedef struct _VESK_BANDWIDTH_CONFIG {
     int32_t iLimitCount;
     uint32_t blUserConfExist;
     uint32_t blGroupConfExist;
-    VESK_BANDWIDTH_LIMIT *pLimit;       /* iLimitCount records, owned here */
+    VESK_BANDWIDTH_LIMIT *pLimit; /* iLimitCount records, owned here */
     VESK_BANDWIDTH_GLOBAL_CONF globalConf;
 } VESK_BANDWIDTH_CONFIG;
 
@@ -173,17 +173,17 @@ typedef struct _VESK_BANDWIDTH_CONFIG {
 typedef struct _VESK_BANDWIDTH_STATUS {
     struct _VESK_BANDWIDTH_STATUS *pNext; /* link of a status list */
     pid_t pid;
-    unsigned int id;                    /* uid in a user file, gid in a group file */
-    unsigned int uid;                   /* the transferring user */
-    unsigned int active;                /* 0: switched off from outside */
-    int64_t timestamp;                  /* seconds since the epoch of the last save */
-    uint64_t current_speed;             /* bytes/s reached */
-    uint64_t expect_speed;              /* bytes/s allowed */
+    unsigned int id;        /* uid in a user file, gid in a group file */
+    unsigned int uid;       /* the transferring user */
+    unsigned int active;    /* 0: switched off from outside */
+    int64_t timestamp;      /* seconds since the epoch of the last save */
+    uint64_t current_speed; /* bytes/s reached */
+    uint64_t expect_speed;  /* bytes/s allowed */
     char filename[VESK_BW_FILENAME_SIZE];
     VESK_BW_OWNER_TYPE owner_type;
     VESK_BW_PROTOCOL_TYPE protocol_type;
     VESK_BW_TRANSFER_TYPE transfer_type;
-    uint32_t progress;                  /* 1/10000, 10000 = done */
+    uint32_t progress; /* 1/10000, 10000 = done */
 } VESK_BANDWIDTH_STATUS;
 
 /* ------------------------------------------------------------------------
@@ -199,8 +199,7 @@ typedef struct _VESK_BANDWIDTH_STATUS {
  * (BW_ERR_BAD_PARAMETERS), or an add-on search that failed or found no file
  * (BW_ERR_GLOB_FAILED and the others of VESKBandwidthEnumToNameAddon); 0 when
  * the search ended without a failure and without a name (BW_ERR_NOT_FOUND). */
-VESK_API int VESKBandwidthEnumToName(const VESK_BW_ENUM_ENTRY *enum_list, int iValue, char *szProtocol,
-                                     int cbProtocol);
+VESK_API int VESKBandwidthEnumToName(const VESK_BW_ENUM_ENTRY *enum_list, int iValue, char *szProtocol, int cbProtocol);
 /* The value of szName in enum_list (0 is a value), else the number of the
  * add-on of that name; names compare exactly, case included.  -1 on error,
  * a name that no table row and no add-on file knows included; 0 with

@@ -33,7 +33,7 @@ struct VeskSite {
     const char *szFile;
     int iLine;
 };
-#define VESK_SITE (VeskSite{__FILE_NAME__, __LINE__})
+#define VESK_SITE                   (VeskSite{__FILE_NAME__, __LINE__})
 #define VESK_LOG_AT(site, fmt, ...) syslog(LOG_ERR, "%s:%d " fmt, (site).szFile, (site).iLine, ##__VA_ARGS__)
 #define VESK_ERR_SET_AT(site, code) VLIBCErrSetEx((code), (site).szFile, (site).iLine)
 
@@ -45,7 +45,7 @@ struct VeskSite {
 // The same check where the logged text of the condition is fixed and is not
 // how the code spells it:
 //     if (!VESK_ARG_CHECK(UID_ERR != uid, "(uid_t)((uid_t) -1) != uid")) return -1;
-#define VESK_ARG_CHECK(cond, text) VeskArgOk((cond), (text), VESK_SITE)
+#define VESK_ARG_CHECK(cond, text)          VeskArgOk((cond), (text), VESK_SITE)
 #define VESK_ARG_CHECK_AT(site, cond, text) VeskArgOk((cond), (text), (site))
 
 inline bool VeskArgOk(bool blHolds, const char *szCond, VeskSite site)
