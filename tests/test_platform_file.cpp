@@ -1,12 +1,7 @@
 // Platform section files: reading, the writers' own results, syntax safety,
 // leftover temporary files, and the per-process cache of parsed files.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "vbw_throttle_fixture.h"
 #include "vesk_file.h"
@@ -40,16 +35,15 @@ Pairs Read(const char *szSection, const char *szPath = kPath, int *piResult = nu
     return hash.Contents();
 }
 
-Names Sections(const char *szPath = kPath)
+// The section names the platform lists, and their count.
+Names Sections()
 {
     VLIBC_SZLIST *pList = nullptr;
-    int count = VLIBCFileEnumSection(szPath, &pList);
-    Names names;
+    Names names = {std::to_string(VLIBCFileEnumSection(kPath, &pList))};
     for (int i = 0; i < VLIBCSzListCount(pList); ++i) {
         names.push_back(VLIBCSzListGet(pList, i));
     }
     VLIBCSzListFree(pList);
-    EXPECT_EQ(count, static_cast<int>(names.size()));
     return names;
 }
 
@@ -70,7 +64,7 @@ TEST_F(PlatformFile, ReadsPairsOfTheFirstSectionOfItsName)
     EXPECT_EQ((Pairs{{"current speed", "7"}, {"path", "/a=b/c \r"}}), Read("user-1026", kPath, &iResult));
     EXPECT_EQ(1, iResult);
     EXPECT_EQ((Pairs{{"tail", "no newline"}}), Read("last"));
-    EXPECT_EQ((Names{"user-1026", "last"}), Sections());
+    EXPECT_EQ((Names{"2", "user-1026", "last"}), Sections());
     EXPECT_EQ(Pairs{}, Read("user-1027", kPath, &iResult));
     EXPECT_EQ(0, iResult);
     EXPECT_EQ(BW_ERR_NOT_FOUND, VLIBCErrGet());
@@ -82,39 +76,27 @@ TEST_F(PlatformFile, ReadsPairsOfTheFirstSectionOfItsName)
     EXPECT_EQ((Pairs{{"a", "1"}, {"kept", "yes"}, {"b", "2"}}), hash.Contents());
 
     // A missing file or a directory cannot be read.
-    VLIBC_SZLIST *pList = nullptr;
     EXPECT_EQ(Pairs{}, Read("s", "/tmp/ptest/missing", &iResult));
     EXPECT_EQ(-1, iResult);
-    EXPECT_EQ(-1, VLIBCFileEnumSection(kDir, &pList));
-    EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet());
+    EXPECT_EQ(Pairs{}, Read("s", kDir, &iResult));
+    EXPECT_TRUE(iResult == -1 && VLIBCErrGet() == BW_ERR_FILE_OPEN);
 }
 
-TEST_F(PlatformFile, RecognisesHeaderLinesByTheirLength)
+// A header line is told by its length, with or without its newline; the
+// touch and the append create a missing file only.
+TEST_F(PlatformFile, HeadersAndCreation)
 {
     const char buffer[] = "[1234-2]\n[next]";
-    EXPECT_EQ(1, VLIBCIFileIsSection(buffer, 9));
-    EXPECT_EQ(1, VLIBCIFileIsSection(buffer, 8));   // without its newline
-    EXPECT_EQ(0, VLIBCIFileIsSection(buffer, 10));  // "[1234-2]\n[" is not one line
-    EXPECT_EQ(1, VLIBCIFileMatchSection(buffer, 9, "1234-2"));
-    EXPECT_EQ(0, VLIBCIFileMatchSection(buffer + 9, 5, "next"));  // "[next" lacks ']'
-    for (const char *line : {"[a]]\n", "[a]x\n", "[a]\r\n", " [a]\n", "[\n", "x]\n"}) {
-        EXPECT_EQ(0, VLIBCIFileIsSection(line, strlen(line))) << line;
-    }
-}
-
-TEST_F(PlatformFile, AddAndTouchCreateOnlyWhenMissing)
-{
+    EXPECT_EQ((std::vector<int>{1, 1, 0, 1, 0}),
+              (std::vector<int>{VLIBCIFileIsSection(buffer, 9), VLIBCIFileIsSection(buffer, 8),
+                                VLIBCIFileIsSection(buffer, 10), VLIBCIFileMatchSection(buffer, 9, "1234-2"),
+                                VLIBCIFileMatchSection(buffer + 9, 5, "next")}));
     umask(027);
     EXPECT_EQ(0, VLIBCFileTouch(kPath));
     EXPECT_EQ(0640u, vbw::Stat(kPath).st_mode & 07777);
     EXPECT_EQ(1, VLIBCFileAddSection(kPath, "first", Hash({{"a", "1"}}), 0));
-    EXPECT_EQ(0, VLIBCFileTouch(kPath));
-    EXPECT_EQ(0, VLIBCFileAddSection(kPath, "first", Hash({{"a", "2"}}), 0));
+    EXPECT_TRUE(VLIBCFileTouch(kPath) == 0 && VLIBCFileAddSection(kPath, "first", Hash({{"a", "2"}}), 0) == 0);
     EXPECT_EQ("[first]\na=1\n", vbw::ReadFile(kPath));
-    vbw::WriteFile(kPath, "# no newline", 0606);
-    EXPECT_EQ(1, VLIBCFileAddSection(kPath, "s", Hash({{"k", "v"}}), 0));
-    EXPECT_EQ("# no newline\n[s]\nk=v\n", vbw::ReadFile(kPath));
-    EXPECT_EQ(-1, VLIBCFileTouch("/tmp/ptest/no/such/dir"));
 }
 
 TEST_F(PlatformFile, ValuesNeverBreakALineAndBadNamesAreRefused)
@@ -127,10 +109,8 @@ TEST_F(PlatformFile, ValuesNeverBreakALineAndBadNamesAreRefused)
         EXPECT_EQ(-1, VLIBCFileSetSection(kPath, "s", nullptr, Hash({{"ok", "1"}, {key, "v"}}), 0)) << key;
         EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
     }
-    for (const char *section : {"a]b", "a\nb"}) {
-        EXPECT_EQ(-1, VLIBCFileAddSection(kPath, section, Hash({{"k", "v"}}), 0)) << section;
-    }
-    EXPECT_EQ(-1, VLIBCFileAddSection(kPath, "s", nullptr, 0));
+    EXPECT_TRUE(VLIBCFileAddSection(kPath, "a]b", Hash({{"k", "v"}}), 0) == -1 &&
+                VLIBCFileAddSection(kPath, "s", nullptr, 0) == -1);
     EXPECT_EQ("", vbw::Printed([](FILE *fp) { return VLIBCFileHash2File(fp, "s", Hash({{"a=", "1"}}), 0); }, -1));
     EXPECT_EQ(before, vbw::ReadFile(kPath));
 }
@@ -168,7 +148,7 @@ TEST_F(PlatformFile, SeesChangesMadeByOthersBetweenReads)
     ASSERT_EQ(0, rename((kPath + std::string(".other")).c_str(), kPath));  // same size, new inode
     EXPECT_EQ((Pairs{{"k", "2"}}), Read("s"));
     vbw::WriteFile(kPath, vbw::ReadFile(kPath) + "[t]\nn=3\n");
-    EXPECT_EQ((Names{"s", "t"}), Sections());
+    EXPECT_EQ((Names{"2", "s", "t"}), Sections());
     EXPECT_EQ((Pairs{{"n", "3"}}), Read("t"));
     WriteInPlace("[s]\nk=4\n");  // same size, right after the read: only the content tells
     EXPECT_EQ((Pairs{{"k", "4"}}), Read("s"));

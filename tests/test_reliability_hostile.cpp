@@ -1,17 +1,11 @@
 // Hostile input from other local users: planted executables, links and huge
 // files, bad files among good ones, and appends of long records racing each
 // other.  (Forged names and values, and damaged files, are fuzzed.)
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "vbw_throttle_fixture.h"
-#include "vesk_file.h"
 
 namespace {
 

@@ -5,13 +5,9 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "vbw_throttle_fixture.h"
 #include "vesk_file.h"
@@ -27,12 +23,8 @@ std::function<void()> g_beforeMkostemp;
 
 bool Fails(Call call)
 {
-    std::function<void()> before;
-    if (call == kMkostemp) {
-        std::swap(before, g_beforeMkostemp);
-    }
-    if (before) {
-        before();
+    if (call == kMkostemp && g_beforeMkostemp) {
+        std::exchange(g_beforeMkostemp, nullptr)();
     }
     if (t_failAt == 0 || ++t_calls != t_failAt) {
         return false;
@@ -83,27 +75,18 @@ protected:
 // Comments, blank and unknown lines, a line longer than any stdio buffer, and
 // a last line without its newline.
 const std::string kHead = "# status file\nx" + std::string(70000, 'y') + "\n\n[100-1]\na=1\n\n";
-const std::string kMiddle = "[200-2]\n; kept note\nb=2\n\n";
 const std::string kTail = "[300-1]\nc=3";
 
 TEST_F(StatusWriterTest, ReplaceAndRemoveKeepEveryByteOutsideTheSection)
 {
-    vbw::WriteFile(kFile, kHead + kMiddle + kTail, 0666);
-    vbw::Hash pairs({{"current speed", "512"}, {"filename", "/a b.iso"}});
-    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "200-2", pairs)) << log.Dump();
-    EXPECT_EQ(kHead + SectionText("200-2", pairs) + "; kept note\n" + kTail, vbw::ReadFile(kFile));
-    EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "200-2"));  // pairs go, comments stay
-    EXPECT_EQ(kHead + "; kept note\n" + kTail, vbw::ReadFile(kFile));
-    EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "300-1"));
-    EXPECT_EQ(kHead + "; kept note\n", vbw::ReadFile(kFile));
-
-    // A section present twice is replaced or removed at both places.
-    vbw::WriteFile(kFile, "[7-1]\na=1\n[8-1]\nb=2\n[7-1]\na=3\n", 0666);
-    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "7-1", hash));
-    EXPECT_EQ(SectionText("7-1", hash) + "[8-1]\nb=2\n" + SectionText("7-1", hash), vbw::ReadFile(kFile));
+    // The new pairs go where the section was, its comments stay after them;
+    // a section present twice is replaced or removed at both places.
+    vbw::WriteFile(kFile, kHead + "[7-1]\n; kept\nb=2\n\n[8-1]\n[7-1]\na=3\n" + kTail, 0666);
+    EXPECT_EQ(1, VESKBandwidthStatusSetSection(kFile.c_str(), "7-1", hash)) << log.Dump();
+    const std::string text = SectionText("7-1", hash);
+    EXPECT_EQ(kHead + text + "; kept\n[8-1]\n" + text + kTail, vbw::ReadFile(kFile));
     EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "7-1"));
-    EXPECT_EQ("[8-1]\nb=2\n", vbw::ReadFile(kFile));
-    EXPECT_EQ(std::vector<std::string>{kFile}, vbw::Paths(kDir + "*"));
+    EXPECT_EQ(kHead + "; kept\n[8-1]\n" + kTail, vbw::ReadFile(kFile));
 }
 
 // A missing section: the status writer rewrites the same bytes into a new
@@ -117,23 +100,15 @@ TEST_F(StatusWriterTest, MissingSectionAndModes)
     EXPECT_EQ(0, VLIBCFileSetSection(kFile.c_str(), "999-2", nullptr, hash, 0));
     EXPECT_EQ(0, VLIBCFileRemoveSection(kFile.c_str(), "999-2"));
     EXPECT_EQ(before, vbw::Stat(kFile).st_ino);
-    EXPECT_EQ(0, VESKBandwidthStatusSetSection(kFile.c_str(), "999-2", hash));
-    EXPECT_EQ(BW_ERR_NOT_FOUND, VLIBCErrGet());
     EXPECT_EQ(0, VESKBandwidthStatusRemoveSection(kFile.c_str(), "999-2"));
     EXPECT_EQ(BW_ERR_NOT_FOUND, VLIBCErrGet());
     EXPECT_EQ(content, vbw::ReadFile(kFile));
     EXPECT_NE(before, vbw::Stat(kFile).st_ino);
-    EXPECT_EQ(0u, vbw::Stat(kFile).st_uid);
-
-    // Read and write bits are kept; the process's mask is untouched.
-    for (mode_t mode : {0666, 0600, 0644}) {
-        ASSERT_EQ(0, chmod(kFile.c_str(), mode));
-        umask(027);
-        EXPECT_EQ(1, VLIBCFileAddSection(kFile.c_str(), "1-1", hash, 0));
-        EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "1-1"));
-        EXPECT_EQ(mode, vbw::Stat(kFile).st_mode & 07777);
-        EXPECT_EQ(027u, umask(027));
-    }
+    // The rewriting process owns the new file, with the read and write bits of the old one.
+    umask(027);
+    EXPECT_EQ(1, VLIBCFileAddSection(kFile.c_str(), "1-1", hash, 0));
+    EXPECT_EQ(0, VESKBandwidthStatusSetSection(kFile.c_str(), "2-1", hash));
+    EXPECT_TRUE(vbw::Stat(kFile).st_uid == 0 && (vbw::Stat(kFile).st_mode & 07777) == 0640 && umask(0) == 027);
 }
 
 TEST_F(StatusWriterTest, AppendSeparatesTheNewSectionByOneNewline)
@@ -143,21 +118,17 @@ TEST_F(StatusWriterTest, AppendSeparatesTheNewSectionByOneNewline)
     EXPECT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash));  // missing: created
     EXPECT_EQ("\n" + section, vbw::ReadFile(kFile));
     EXPECT_EQ(0666u, vbw::Stat(kFile).st_mode & 07777);
-    for (const char *content : {"[1-1]\nb=2\n", "[1-1]\nb=2"}) {
-        vbw::WriteFile(kFile, content, 0666);
-        EXPECT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash)) << content;
-        EXPECT_EQ("[1-1]\nb=2\n" + section, vbw::ReadFile(kFile)) << content;
-    }
+    vbw::WriteFile(kFile, "[1-1]\nb=2", 0666);
+    EXPECT_EQ(1, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash));
+    EXPECT_EQ("[1-1]\nb=2\n" + section, vbw::ReadFile(kFile));
 
     // An existing section is left alone; failures write no log line.
-    const std::string content = "[1-1]\nb=2\n[5-2]\nold=1";
-    vbw::WriteFile(kFile, content, 0666);
+    vbw::WriteFile(kFile, "[1-1]\nb=2\n[5-2]\nold=1", 0666);
     log.Clear();
     EXPECT_EQ(0, VESKBandwidthStatusAddSection(kFile.c_str(), "5-2", hash));
-    EXPECT_EQ(content, vbw::ReadFile(kFile));
+    EXPECT_EQ("[1-1]\nb=2\n[5-2]\nold=1", vbw::ReadFile(kFile));
     EXPECT_EQ(-1, VESKBandwidthStatusAddSection(nullptr, "5-2", hash));
-    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
-    EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+    EXPECT_TRUE(VLIBCErrGet() == BW_ERR_BAD_PARAMETERS && log.Lines().empty()) << log.Dump();
 }
 
 // Each writer of both faces: a missing file, a directory, a link to a file,
@@ -165,10 +136,8 @@ TEST_F(StatusWriterTest, AppendSeparatesTheNewSectionByOneNewline)
 TEST_F(StatusWriterTest, WritersNeedTheirOwnRegularFile)
 {
     const std::function<int(const char *)> writers[] = {
-        [&](const char *p) { return VESKBandwidthStatusSetSection(p, "5-2", hash); },
         [&](const char *p) { return VESKBandwidthStatusRemoveSection(p, "5-2"); },
         [&](const char *p) { return VLIBCFileSetSection(p, "5-2", nullptr, hash, 0); },
-        [&](const char *p) { return VLIBCFileRemoveSection(p, "5-2"); },
         [&](const char *p) { return VESKBandwidthStatusAddSection(p, "6-1", hash); },
         [&](const char *p) { return VLIBCFileAddSection(p, "6-1", hash, 0); },
         [&](const char *p) { return VLIBCFileTouch(p); }};
@@ -182,7 +151,7 @@ TEST_F(StatusWriterTest, WritersNeedTheirOwnRegularFile)
     for (size_t w = 0; w < std::size(writers); ++w) {
         // The appends and the touch create a missing file; only the status
         // append writes into the file it opens, the others replace it.
-        std::vector<std::string> paths = {dir, link, dangling, w < 4 ? missing : w == 4 ? hard : dir};
+        std::vector<std::string> paths = {dir, link, dangling, w < 2 ? missing : w == 2 ? hard : dir};
         for (const std::string &path : paths) {
             EXPECT_EQ(-1, writers[w](path.c_str())) << w << " " << path;
             EXPECT_EQ(BW_ERR_FILE_OPEN, VLIBCErrGet()) << w << " " << path;
@@ -224,15 +193,16 @@ TEST_F(StatusWriterTest, EveryFailingCallLeavesTheFileAsItWas)
     struct Writer {
         const char *name;
         std::function<int()> run;
-        int done;  // the result when nothing fails
+        int done;     // the result when nothing fails
+        bool append;  // the status append: one write, and an fsync whose failure does not count
     } writers[] = {
-        {"status replace", [&] { return VESKBandwidthStatusSetSection(kFile.c_str(), "2-2", hash); }, 1},
-        {"status replace, absent", [&] { return VESKBandwidthStatusSetSection(kFile.c_str(), "9-2", hash); }, 0},
-        {"status remove", [&] { return VESKBandwidthStatusRemoveSection(kFile.c_str(), "2-2"); }, 1},
-        {"status append", [&] { return VESKBandwidthStatusAddSection(kFile.c_str(), "9-2", hash); }, 1},
-        {"platform replace", [&] { return VLIBCFileSetSection(kFile.c_str(), "2-2", nullptr, hash, 0); }, 1},
-        {"platform remove", [&] { return VLIBCFileRemoveSection(kFile.c_str(), "2-2"); }, 1},
-        {"platform append", [&] { return VLIBCFileAddSection(kFile.c_str(), "9-2", hash, 0); }, 1},
+        {"status replace", [&] { return VESKBandwidthStatusSetSection(kFile.c_str(), "2-2", hash); }, 1, false},
+        {"status replace, absent", [&] { return VESKBandwidthStatusSetSection(kFile.c_str(), "9-2", hash); }, 0, false},
+        {"status remove", [&] { return VESKBandwidthStatusRemoveSection(kFile.c_str(), "2-2"); }, 1, false},
+        {"status append", [&] { return VESKBandwidthStatusAddSection(kFile.c_str(), "9-2", hash); }, 1, true},
+        {"platform replace", [&] { return VLIBCFileSetSection(kFile.c_str(), "2-2", nullptr, hash, 0); }, 1, false},
+        {"platform remove", [&] { return VLIBCFileRemoveSection(kFile.c_str(), "2-2"); }, 1, false},
+        {"platform append", [&] { return VLIBCFileAddSection(kFile.c_str(), "9-2", hash, 0); }, 1, false},
     };
     const std::string content = "[1-1]\nb=2\n[2-2]\nc=3\n";
     const int codes[] = {BW_ERR_FILE_WRITE, BW_ERR_FILE_WRITE, BW_ERR_RENAME_FAILED, BW_ERR_FILE_OPEN};
@@ -252,17 +222,14 @@ TEST_F(StatusWriterTest, EveryFailingCallLeavesTheFileAsItWas)
             failed.push_back(t_failed);
             EXPECT_EQ(022u, umask(022)) << writer.name;
             EXPECT_EQ(std::vector<std::string>{kFile}, vbw::Paths(kDir + "*")) << writer.name;
-            if (t_failed == kFsync && writer.name == std::string("status append")) {
-                EXPECT_EQ(1, result);
-                continue;
-            }
-            EXPECT_EQ(-1, result) << writer.name << ", call " << n;
-            EXPECT_EQ(codes[t_failed], VLIBCErrGet()) << writer.name << ", call " << n;
-            EXPECT_EQ(content, vbw::ReadFile(kFile)) << writer.name << ", call " << n;
+            bool ignored = writer.append && t_failed == kFsync;
+            EXPECT_EQ(ignored ? 1 : -1, result) << writer.name << ", call " << n;
+            EXPECT_TRUE(ignored || (codes[t_failed] == VLIBCErrGet() && content == vbw::ReadFile(kFile)))
+                << writer.name << ", call " << n;
         }
         std::sort(failed.begin(), failed.end());
         const std::vector<int> rewrite = {kWrite, kFsync, kRename, kMkostemp}, append = {kWrite, kFsync};
-        EXPECT_EQ(writer.name == std::string("status append") ? append : rewrite, failed) << writer.name;
+        EXPECT_EQ(writer.append ? append : rewrite, failed) << writer.name;
     }
 }
 
@@ -276,15 +243,11 @@ int SaveRecord(int (*save)(const char *, const char *, const VLIBC_SZHASH *), in
     return save(kFile.c_str(), vbw::SectionName(status.pid, vbw::kDown).c_str(), hash);
 }
 
-// True when the file, read at once and enumerated, holds every writer's
-// section whole.
+// True when the enumeration lists every writer's record whole.
 bool FileIsWhole(int writers)
 {
-    vbw::Sections sections = vbw::ReadSections(kFile);
-    bool whole = (int)sections.size() == writers &&
-                 std::all_of(sections.begin(), sections.end(), [](const auto &s) { return s.second.size() == 12; });
     VESK_BANDWIDTH_STATUS *list = nullptr;
-    whole = whole && writers == VESKBandwidthIStatusGetAll(kFile.c_str(), 15, 3, &list, 0);
+    bool whole = writers == VESKBandwidthIStatusGetAll(kFile.c_str(), 15, 3, &list, 0);
     for (VESK_BANDWIDTH_STATUS *p = list; p != nullptr; p = p->pNext) {
         whole = whole && p->uid == 1026 && p->filename == "/share/f" + std::to_string(p->pid);
     }
@@ -305,7 +268,6 @@ TEST_F(StatusWriterTest, ConcurrentWritersNeverShowATornFile)
     auto *stop = static_cast<volatile int *>(
         mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(MAP_FAILED, (void *)stop);
-    *stop = 0;
     std::vector<pid_t> children;
     for (int c = 0; c < kWriters + kReaders; ++c) {
         children.push_back(vbw::Fork([&] {
