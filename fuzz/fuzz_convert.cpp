@@ -35,19 +35,21 @@ template <typename Record> void CheckFixedPoint(const Kind<Record> &kind, Record
     VLIBCSzHashFree(pHash);
 }
 
-// A record of junk filled from the pairs, and one of the raw bytes.
+// A record of junk filled from the pairs, and one of the raw bytes, dumped.
 template <typename Record>
-void Exercise(const Kind<Record> &kind, const VLIBC_SZHASH *pPairs, const uint8_t *data, size_t size, FILE *sink)
+void Exercise(const Kind<Record> &kind, const VLIBC_SZHASH *pPairs, const uint8_t *data, size_t size)
 {
-    Record record;
-    memset(&record, 0xA5, sizeof(record));
-    if (kind.FromHash(&record, pPairs) == 0) {
-        CheckFixedPoint(kind, record);
+    static FILE *sink = fopen("/dev/null", "w");
+    Record records[2];
+    memset(&records[0], 0xA5, sizeof(Record));
+    memset(&records[1], 0, sizeof(Record));
+    memcpy(&records[1], data, std::min(size, sizeof(Record)));
+    for (Record &record : records) {
+        if (&record == &records[1] || kind.FromHash(&record, pPairs) == 0) {
+            CheckFixedPoint(kind, record);
+        }
     }
-    memset(&record, 0, sizeof(record));
-    memcpy(&record, data, std::min(size, sizeof(record)));
-    CheckFixedPoint(kind, record);
-    kind.Dump(sink, &record);
+    kind.Dump(sink, &records[1]);
 }
 
 }  // namespace
@@ -60,7 +62,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***argv)
 // Input: "key=value" lines (a line without '=' is a key with an empty value).
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static FILE *sink = fopen("/dev/null", "w");
     VLIBC_SZHASH *pPairs = VLIBCSzHashAlloc(16);
     std::string text((const char *)data, size);
     text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());
@@ -71,13 +72,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         VLIBCSzHashSetValue(&pPairs, line.substr(0, equals).c_str(), line.substr(std::min(equals + 1, line.size())).c_str());
     }
     Exercise<VESK_BANDWIDTH_STATUS>(
-        {VESKBandwidthInitHashFromStatus, VESKBandwidthInitStatusFromHash, VESKBandwidthStatusDump}, pPairs, data,
-        size, sink);
+        {VESKBandwidthInitHashFromStatus, VESKBandwidthInitStatusFromHash, VESKBandwidthStatusDump}, pPairs, data, size);
     Exercise<VESK_BANDWIDTH_CONF>({VESKBandwidthInitHashFromConf, VESKBandwidthInitConfFromHash, VESKBandwidthConfDump},
-                                  pPairs, data, size, sink);
+                                  pPairs, data, size);
     Exercise<VESK_BANDWIDTH_GLOBAL_CONF>(
         {VESKBandwidthInitHashFromGlobalConf, VESKBandwidthInitGlobalConfFromHash, VESKBandwidthGlobalConfDump},
-        pPairs, data, size, sink);
+        pPairs, data, size);
     VLIBCSzHashFree(pPairs);
     return 0;
 }

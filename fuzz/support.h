@@ -16,7 +16,7 @@
 
 namespace vesk_fuzz {
 
-// Stops the run with a message: libFuzzer keeps the input as a crash.
+// Stops the run with a message; libFuzzer keeps the input as a crash.
 inline void Check(bool blOk, const char *szWhat)
 {
     if (!blOk) {
