@@ -64,16 +64,7 @@ int VESKBandwidthStatusAddSection(const char *szFile, const char *szSection, con
         VESK_ERR_SET(BW_ERR_BAD_PARAMETERS);
         return -1;
     }
-    try {
-        vesk_section::Dir dir;
-        std::string name;
-        if (!dir.OpenParent(szFile, &name)) {
-            VESK_ERR_SET(BW_ERR_FILE_OPEN);
-            return -1;
-        }
-        return vesk_status::AppendStatusSection(dir, name.c_str(), szSection, pHash);
-    } catch (...) {
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    return vesk_status::AtPath(VESK_SITE, szFile, [&](const vesk_section::Dir &dir, const char *szName) {
+        return vesk_status::AppendStatusSection(dir, szName, szSection, pHash);
+    });
 }

@@ -112,6 +112,23 @@ int OpenStatusDir(VeskSite site, bool blCreate, vesk_section::Dir *pDir)
     return 1;
 }
 
+int AtPath(VeskSite site, const char *szPath,
+           const std::function<int(const vesk_section::Dir &dir, const char *szName)> &change)
+{
+    try {
+        vesk_section::Dir dir;
+        std::string name;
+        if (!dir.OpenParent(szPath, &name)) {
+            VESK_ERR_SET_AT(site, BW_ERR_FILE_OPEN);
+            return -1;
+        }
+        return change(dir, name.c_str());
+    } catch (...) {
+        VESK_ERR_SET_AT(site, BW_ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+}
+
 int LoadStatusFile(VeskSite site, const vesk_section::Dir &dir, const char *szName, time_t now,
                    StatusFile *pFile)
 {

@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -43,6 +44,13 @@ inline bool IsFresh(int64_t timestamp, int64_t now)
 // (logged, code set): something other than a directory is there that cannot
 // be replaced, or a symbolic link, which is never followed.
 int OpenStatusDir(VeskSite site, bool blCreate, vesk_section::Dir *pDir);
+
+// Runs `change` on the directory (opened never through a link at its path)
+// and the name of the file at szPath: its result, or -1 with
+// BW_ERR_FILE_OPEN (recorded at the site) when the directory cannot be
+// opened, or BW_ERR_OUT_OF_MEMORY.
+int AtPath(VeskSite site, const char *szPath,
+           const std::function<int(const vesk_section::Dir &dir, const char *szName)> &change);
 
 // A status file as one operation reads it.
 struct StatusFile {

@@ -65,18 +65,9 @@ int StatusPathRewrite(const char *szFile, const char *szSection, bool blReplace,
         !VESK_ARG_CHECK(szSection != nullptr, "NULL != szSection")) {
         return -1;
     }
-    try {
-        vesk_section::Dir dir;
-        std::string name;
-        if (!dir.OpenParent(szFile, &name)) {
-            VESK_ERR_SET(BW_ERR_FILE_OPEN);
-            return -1;
-        }
-        return StatusFileRewrite(dir, name.c_str(), Named(szSection), blReplace ? szSection : nullptr, pHash);
-    } catch (...) {
-        VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    return vesk_status::AtPath(VESK_SITE, szFile, [&](const vesk_section::Dir &dir, const char *szName) {
+        return StatusFileRewrite(dir, szName, Named(szSection), blReplace ? szSection : nullptr, pHash);
+    });
 }
 
 }  // namespace
