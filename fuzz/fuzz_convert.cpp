@@ -14,14 +14,16 @@ using namespace vesk_fuzz;
 namespace {
 
 // One kind of record with its two conversions and its dump.
-template <typename Record> struct Kind {
+template <typename Record>
+struct Kind {
     int (*ToHash)(VLIBC_SZHASH **, const Record *);
     int (*FromHash)(Record *, const VLIBC_SZHASH *);
     int (*Dump)(FILE *, const Record *);
 };
 
 // The record's text after one round trip, and after a second one.
-template <typename Record> void CheckFixedPoint(const Kind<Record> &kind, Record record)
+template <typename Record>
+void CheckFixedPoint(const Kind<Record> &kind, Record record)
 {
     VLIBC_SZHASH *pHash = VLIBCSzHashAlloc(16);
     std::string texts[3];
@@ -69,15 +71,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         end = std::min(text.find('\n', start), text.size());
         std::string line = text.substr(start, end - start);
         size_t equals = std::min(line.find('='), line.size());
-        VLIBCSzHashSetValue(&pPairs, line.substr(0, equals).c_str(), line.substr(std::min(equals + 1, line.size())).c_str());
+        VLIBCSzHashSetValue(&pPairs, line.substr(0, equals).c_str(),
+                            line.substr(std::min(equals + 1, line.size())).c_str());
     }
     Exercise<VESK_BANDWIDTH_STATUS>(
-        {VESKBandwidthInitHashFromStatus, VESKBandwidthInitStatusFromHash, VESKBandwidthStatusDump}, pPairs, data, size);
+        {VESKBandwidthInitHashFromStatus, VESKBandwidthInitStatusFromHash, VESKBandwidthStatusDump}, pPairs, data,
+        size);
     Exercise<VESK_BANDWIDTH_CONF>({VESKBandwidthInitHashFromConf, VESKBandwidthInitConfFromHash, VESKBandwidthConfDump},
                                   pPairs, data, size);
     Exercise<VESK_BANDWIDTH_GLOBAL_CONF>(
-        {VESKBandwidthInitHashFromGlobalConf, VESKBandwidthInitGlobalConfFromHash, VESKBandwidthGlobalConfDump},
-        pPairs, data, size);
+        {VESKBandwidthInitHashFromGlobalConf, VESKBandwidthInitGlobalConfFromHash, VESKBandwidthGlobalConfDump}, pPairs,
+        data, size);
     VLIBCSzHashFree(pPairs);
     return 0;
 }

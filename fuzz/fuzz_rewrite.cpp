@@ -79,8 +79,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     VLIBC_SZHASH *pBack = nullptr;
     int iFound = VLIBCFileGetSection(path.c_str(), name.c_str(), &pBack);
     Check(iFound == (blReplace && blPresent ? 1 : 0), "a replaced section is there, a removed one is not");
-    Check(iFound != 1 || (VLIBCSzHashCount(pBack) == 2 &&
-                          std::string(VLIBCSzHashValueAt(pBack, 1)) == "a [4321-2] active=0"),
+    Check(iFound != 1 ||
+              (VLIBCSzHashCount(pBack) == 2 && std::string(VLIBCSzHashValueAt(pBack, 1)) == "a [4321-2] active=0"),
           "the section reads back with its new pairs, each on one line");
     VLIBCSzHashFree(pBack);
     VLIBCSzHashFree(pHash);

@@ -29,10 +29,7 @@ inline void Check(bool blOk, const char *szWhat)
 inline int RequireSandbox(char ***argv)
 {
     const char *szFlag = getenv("VBW_SANDBOX");
-    if (szFlag == nullptr || strcmp(szFlag, "1") != 0) {
-        fprintf(stderr, "%s: run it through vbw-sandbox (make fuzz does)\n", (*argv)[0]);
-        exit(2);
-    }
+    Check(szFlag != nullptr && strcmp(szFlag, "1") == 0, (*argv)[0]);  // make fuzz runs it in vbw-sandbox
     return 0;
 }
 
@@ -46,7 +43,7 @@ inline std::string ScratchFile(const char *szName, const uint8_t *data, size_t s
         return std::string(szTemplate);
     }();
     const std::string path = dir + "/" + szName;
-    unlink(path.c_str());
+    unlink(path.c_str());  // a writer may have left it with other bits
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     Check(fd >= 0 && (ssize_t)size == write(fd, data, size) && fchmod(fd, 0666) == 0, "a scratch file");
     close(fd);

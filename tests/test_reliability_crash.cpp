@@ -27,36 +27,22 @@ VESK_BANDWIDTH_STATUS Record(pid_t pid, const std::string &file)
     return status;
 }
 
-// A configuration in memory whose only limit is group users (100), fully occupied.
-struct GroupConfig {
-    VESK_BANDWIDTH_CONFIG config = {kAlice, 1, 0, 1, nullptr, {}};  // one limit, a group one
-    GroupConfig()
-    {
-        config.pLimit = (VESK_BANDWIDTH_LIMIT *)calloc(1, sizeof(VESK_BANDWIDTH_LIMIT));
-        config.pLimit[0] = Limit(VESK_BW_OWNER_GROUP, kUsers, 0, 100);
-        config.pLimit[0].ullOccupyShare = 10000;
-        config.pLimit[0].ullMaxSpeedBps = 102400;
-    }
-    ~GroupConfig() { VESKBandwidthConfigFree(&config); }
-};
-
 // The life of a victim until it is killed: saves its own section (now fresh,
 // now stale, so that other victims collect it), enumerates the shared files,
 // stores its own limit, and now and then removes its sections.
-[[noreturn]] void Victim(unsigned seed)
+[[noreturn]] void Victim(const VESK_BANDWIDTH_CONFIG &config, unsigned seed)
 {
-    GroupConfig group;
     VESK_BANDWIDTH_STATUS status = Record(getpid(), "/share/victim-" + std::to_string(getpid()));
     for (unsigned round = 0;; ++round) {
         status.timestamp = time(nullptr) - (rand_r(&seed) % 2 ? 0 : 100);
-        VESKBandwidthStatusSave(kAlice, &group.config, &status);
+        VESKBandwidthStatusSave(kAlice, &config, &status);
         for (const std::string &file : kStatusFiles) {
             EnumerateFile(file);
         }
         VESK_BANDWIDTH_CONF conf = Conf(VESK_BW_OWNER_USER, 20000 + (unsigned)getpid(), kFtp, round, round + 1);
         VESKBandwidthConfSetByID(&conf);
         if (rand_r(&seed) % 4 == 0) {
-            VESKBandwidthStatusRemove(&group.config, VESK_BW_TRANSFER_ALL);
+            VESKBandwidthStatusRemove(&config, VESK_BW_TRANSFER_ALL);
         }
     }
 }
@@ -71,19 +57,20 @@ Sections ParseWhole(const std::string &path, size_t keyCount)
     return sections;
 }
 
-class ReliabilityCrash : public SandboxTest {};
+class ReliabilityCrash : public ConfigTest {};
 
 TEST_F(ReliabilityCrash, KilledWritersLeaveWholeFilesAndTheirGarbageIsCollected)
 {
     InstallKillallStandIn();
     StoreGlobal(kFtp, GlobalSettings());
     // Survivors stay fresh for the whole test; long file names make every rewrite take a while.
+    Occupy({{kUsers, 10000}});  // alice's transfers occupy group users (100) fully
+    config.pLimit[0].ullMaxSpeedBps = 102400;
     std::vector<VESK_BANDWIDTH_STATUS> survivors;
-    GroupConfig group;
     for (int i = 0; i < kSurvivors; ++i) {
         survivors.push_back(Record(900000 + i, "/share/" + std::string(3000, 'a' + i)));
         survivors.back().timestamp += 20;
-        ASSERT_EQ(0, VESKBandwidthStatusSave(kAlice, &group.config, &survivors.back()));
+        ASSERT_EQ(0, VESKBandwidthStatusSave(kAlice, &config, &survivors.back()));
         StoreLimit(VESK_BW_OWNER_USER, 1026 + i, kFtp, 10 + i, 20 + i);
     }
     // Rounds of victims, each killed after a random life.
@@ -92,7 +79,7 @@ TEST_F(ReliabilityCrash, KilledWritersLeaveWholeFilesAndTheirGarbageIsCollected)
     for (int round = 0; round < kRounds; ++round) {
         std::vector<pid_t> pids;
         for (int v = 0; v < kVictimsPerRound; ++v) {
-            pids.push_back(Fork([seed, v]() -> int { Victim(seed + (unsigned)v); }));
+            pids.push_back(Fork([this, seed, v]() -> int { Victim(config, seed + (unsigned)v); }));
         }
         for (pid_t pid : pids) {
             usleep((useconds_t)(rand_r(&seed) % kLongestLifeMs) * 1000);
@@ -135,7 +122,7 @@ TEST_F(ReliabilityCrash, KilledWritersLeaveWholeFilesAndTheirGarbageIsCollected)
         }
     }
     const std::vector<std::string> statusTemps = Paths(kStatusDir + "*.??????");
-    const std::vector<std::string> confTemps = Paths(kConfDir + "*.??????");
+    std::vector<std::string> confTemps = Paths(kConfDir + "*.??????");
     std::printf("crash: %zu processes killed; they left %zu status sections, %zu temporary status files and %zu "
                 "temporary configuration files\n",
                 victims.size(), victimSections.size(), statusTemps.size(), confTemps.size());
@@ -157,6 +144,12 @@ TEST_F(ReliabilityCrash, KilledWritersLeaveWholeFilesAndTheirGarbageIsCollected)
     for (size_t i = 0; i < confTemps.size(); ++i) {
         SetModified(confTemps[i], i % 2 ? now - 11 : now - 5);
     }
+    // One more of the file's own, and one of another file, both old.
+    const std::string own = kConfDir + "bandwidth.ftp.conf.Zz99Yy", other = kConfDir + "bandwidth.webdav.conf.Ab12Cd";
+    for (const std::string &path : {own, other}) {
+        WriteFile(path, "", 0600);
+        SetModified(path, now - 11);
+    }
     for (const std::string &path : kStatusFiles) {
         EXPECT_EQ(kSurvivors, EnumerateFile(path));
         EXPECT_EQ((size_t)kSurvivors, ParseWhole(path, 12).size()) << path;
@@ -166,6 +159,7 @@ TEST_F(ReliabilityCrash, KilledWritersLeaveWholeFilesAndTheirGarbageIsCollected)
     for (size_t i = 0; i < confTemps.size(); ++i) {
         EXPECT_EQ(i % 2 == 0, Exists(confTemps[i])) << confTemps[i];
     }
+    EXPECT_TRUE(!Exists(own) && Exists(other));
     EXPECT_EQ(0, log.Count("Init status from hash failed")) << log.Dump();
 }
 

@@ -40,7 +40,10 @@ uint64_t BytesRead()
 TEST_F(ReliabilityHostile, RewritesNeverKeepExecuteOrSetIdBits)
 {
     const std::string userFile = "/tmp/bandwidth/user-1027", groupFile = "/tmp/bandwidth/group-100";
-    const std::string elf = std::string("\x7f" "ELF\x02\x01\x01", 7) + "\n[1-2]\ntimestamp=1\n";
+    const std::string elf = std::string("\x7f"
+                                        "ELF\x02\x01\x01",
+                                        7) +
+                            "\n[1-2]\ntimestamp=1\n";
     for (const auto &[path, mode] : {std::make_pair(userFile, 04755), std::make_pair(groupFile, 06755)}) {
         WriteFile(path, elf, 0644);
         ASSERT_EQ(0, chown(path.c_str(), 1027, 100));
@@ -94,7 +97,8 @@ TEST_F(ReliabilityHostile, HugeFilesAreReadWithABoundAndHealed)
             }
             const uint64_t before = BytesRead();
             VESK_BANDWIDTH_STATUS status = Status(getpid());
-            EXPECT_EQ(save ? 0 : 1, save ? VESKBandwidthStatusSave(kAlice, nullptr, &status) : EnumerateFile(kUserFile));
+            EXPECT_EQ(save ? 0 : 1,
+                      save ? VESKBandwidthStatusSave(kAlice, nullptr, &status) : EnumerateFile(kUserFile));
             EXPECT_LT(BytesRead() - before, 3u << 20) << save << shape;
             EXPECT_EQ(save ? 2u : 1u, ReadSections(kUserFile).size()) << save << shape;
             EXPECT_EQ(kept, ReadFile(kUserFile).substr(0, kept.size())) << save << shape;
@@ -149,10 +153,8 @@ TEST_F(ReliabilityHostile, LongAppendsNeverInterleave)
     }
     Sections sections = ReadSections(kUserFile);
     EXPECT_EQ((size_t)(kWriters * kSections), sections.size());
-    for (const auto &[name, pairs] : sections) {
-        pid_t pid = atoi(name.c_str());
-        auto file = pairs.find("filename");
-        EXPECT_TRUE(pairs.size() == 12 && file != pairs.end() && file->second == std::string(4095, 'a' + pid % 26))
+    for (auto &[name, pairs] : sections) {
+        EXPECT_TRUE(pairs.size() == 12 && pairs["filename"] == std::string(4095, 'a' + atoi(name.c_str()) % 26))
             << name;
     }
 }

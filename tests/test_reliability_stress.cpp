@@ -22,7 +22,7 @@ const int64_t kRunMs = 4000, kSettleMs = 1000;
 
 // What one transfer saw, written by its own process only.
 struct Report {
-    std::atomic<int> failed;                   // 0, else 1 registration, 2 sleep loop, 3 listing, 4 removal
+    std::atomic<int> failed;                    // 0, else 1 registration, 2 sleep loop, 3 listing, 4 removal
     std::atomic<uint64_t> bytes, settledBytes;  // moved in all, and by the first pass once settled
     std::atomic<int64_t> settledUs, lastUs;     // the end of that pass, and of the last one
     std::atomic<uint64_t> expected, seen;       // once settled: other transfers live around a listing, and listed
@@ -77,9 +77,9 @@ void RunTransfer(Shared &shared, int self)
             report.seen += report.settledUs != 0 && p->pid != getpid() && before == after &&
                            std::count(before.begin(), before.end(), p->pid) == 1;
         }
-        report.expected += report.settledUs != 0 && before == after ? std::count_if(before.begin(), before.end(),
-                                                                          [](pid_t pid) { return pid != 0; }) - 1
-                                                                    : 0;
+        report.expected += report.settledUs != 0 && before == after
+                               ? std::count_if(before.begin(), before.end(), [](pid_t pid) { return pid != 0; }) - 1
+                               : 0;
         VESKBandwidthStatusListFree(&list);
         report.failed = report.failed != 0 ? report.failed.load() : count != 0 ? 3 : 0;
     }
@@ -96,8 +96,8 @@ TEST_F(ReliabilityStress, SharedFilesUnderManyTransfers)
 {
     InstallKillallStandIn();
     StoreUsersGroupLimit(kGroupLimitKBps);  // every transfer books its whole speed in the group's file
-    auto *shared = static_cast<Shared *>(
-        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto *shared =
+        static_cast<Shared *>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(MAP_FAILED, (void *)shared);
     std::vector<pid_t> children;
     for (int i = 0; i < kProcesses; ++i) {
@@ -131,10 +131,10 @@ TEST_F(ReliabilityStress, SharedFilesUnderManyTransfers)
     // Each transfer may take the part of the limit that the others did not
     // use at their last save, and counts only the transfers it sees.
     EXPECT_LT(ratio, 1.25);
-    EXPECT_EQ((std::vector<std::string>{"/tmp/bandwidth/group-100", "/tmp/bandwidth/user-1026",
-                                        "/tmp/bandwidth/user-1027", "/tmp/bandwidth/user-1028",
-                                        "/tmp/bandwidth/user-1031"}),
-              Paths("/tmp/bandwidth/*"));
+    EXPECT_EQ(
+        (std::vector<std::string>{"/tmp/bandwidth/group-100", "/tmp/bandwidth/user-1026", "/tmp/bandwidth/user-1027",
+                                  "/tmp/bandwidth/user-1028", "/tmp/bandwidth/user-1031"}),
+        Paths("/tmp/bandwidth/*"));
 }
 
 }  // namespace

@@ -38,11 +38,11 @@ bool Fails(Call call)
 
 // The libraries' calls bind to these definitions of the executable (exported
 // whatever the default visibility), which fail or go on to the C library's.
-#define VBW_INTERPOSE(result, name, params, args, call)                                                 \
-    extern "C" __attribute__((visibility("default"))) result name params                                 \
-    {                                                                                                   \
-        static auto real = reinterpret_cast<result(*) params>(dlsym(RTLD_NEXT, #name));                 \
-        return Fails(call) ? -1 : real args;                                                            \
+#define VBW_INTERPOSE(result, name, params, args, call)                                                                \
+    extern "C" __attribute__((visibility("default"))) result name params                                               \
+    {                                                                                                                  \
+        static auto real = reinterpret_cast<result(*) params>(dlsym(RTLD_NEXT, #name));                                \
+        return Fails(call) ? -1 : real args;                                                                           \
     }
 VBW_INTERPOSE(ssize_t, write, (int fd, const void *p, size_t cb), (fd, p, cb), kWrite)
 VBW_INTERPOSE(int, fsync, (int fd), (fd), kFsync)
@@ -77,7 +77,7 @@ protected:
 const std::string kHead = "# status file\nx" + std::string(70000, 'y') + "\n\n[100-1]\na=1\n\n";
 const std::string kTail = "[300-1]\nc=3";
 
-TEST_F(StatusWriterTest, ReplaceAndRemoveKeepEveryByteOutsideTheSection)
+TEST_F(StatusWriterTest, ReplaceAndRemoveKeepEveryByteOutsideTheSectionAndItsModes)
 {
     // The new pairs go where the section was, its comments stay after them;
     // a section present twice is replaced or removed at both places.
@@ -87,12 +87,9 @@ TEST_F(StatusWriterTest, ReplaceAndRemoveKeepEveryByteOutsideTheSection)
     EXPECT_EQ(kHead + text + "; kept\n[8-1]\n" + text + kTail, vbw::ReadFile(kFile));
     EXPECT_EQ(1, VESKBandwidthStatusRemoveSection(kFile.c_str(), "7-1"));
     EXPECT_EQ(kHead + "; kept\n[8-1]\n" + kTail, vbw::ReadFile(kFile));
-}
 
-// A missing section: the status writer rewrites the same bytes into a new
-// file of its own, the platform's leaves the file untouched.
-TEST_F(StatusWriterTest, MissingSectionAndModes)
-{
+    // A missing section: the status writer rewrites the same bytes into a
+    // new file of its own, the platform's leaves the file untouched.
     const std::string content = kHead + kTail;
     vbw::WriteFile(kFile, content, 0640);
     ASSERT_EQ(0, chown(kFile.c_str(), 1026, 100));
@@ -249,9 +246,8 @@ bool FileIsWhole(int writers)
     return whole;
 }
 
-// Writers save their own sections over and over while readers read the file
-// whole and enumerate it: no reader ever meets a torn file, and no temporary
-// file stays behind.
+// Writers save their own sections over and over while readers enumerate the
+// file: no reader ever meets a torn file, and no temporary file stays behind.
 TEST_F(StatusWriterTest, ConcurrentWritersNeverShowATornFile)
 {
     const int kWriters = 4, kReaders = 3, kRounds = 150;

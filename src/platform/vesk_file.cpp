@@ -49,8 +49,7 @@ constexpr size_t kNoBound = SIZE_MAX / 2;
 // when it cannot be written faithfully.
 bool SectionArgsOk(const char *szSection, const VLIBC_SZHASH *pHash)
 {
-    if (!VESK_ARG_OK(NULL != szSection) || !VESK_ARG_OK(NULL != pHash) ||
-        !VESK_ARG_OK(IsValidSectionName(szSection))) {
+    if (!VESK_ARG_OK(NULL != szSection) || !VESK_ARG_OK(NULL != pHash) || !VESK_ARG_OK(IsValidSectionName(szSection))) {
         return false;
     }
     int count = VLIBCSzHashCount(pHash);
@@ -406,8 +405,8 @@ int VLIBCFileEnumSection(const char *szPath, VLIBC_SZLIST **ppList)
     return static_cast<int>(file->Distinct().size());
 }
 
-int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *szReserved,
-                        const VLIBC_SZHASH *pHash, int iFlags)
+int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *szReserved, const VLIBC_SZHASH *pHash,
+                        int iFlags)
 {
     (void)szReserved;
     (void)iFlags;

@@ -193,8 +193,8 @@ bool IsTemporaryName(std::string_view name, std::string_view *pFile)
     return true;
 }
 
-void RemoveStaleEntries(const Dir &dir, const std::function<bool(std::string_view)> &selects, time_t now,
-                        time_t maxAge, size_t maxEntries)
+void RemoveStaleEntries(const Dir &dir, const std::function<bool(std::string_view)> &selects, time_t now, time_t maxAge,
+                        size_t maxEntries)
 {
     int fd = dup(dir.Fd());
     DIR *pDir = fd < 0 ? nullptr : fdopendir(fd);

@@ -95,8 +95,8 @@ bool IsTemporaryName(std::string_view name, std::string_view *pFile);
 // Removes the entries of the directory that `selects` names and that were
 // last modified more than maxAge seconds before now (links judged
 // themselves), looking at no more than maxEntries entries.
-void RemoveStaleEntries(const Dir &dir, const std::function<bool(std::string_view)> &selects, time_t now,
-                        time_t maxAge, size_t maxEntries);
+void RemoveStaleEntries(const Dir &dir, const std::function<bool(std::string_view)> &selects, time_t now, time_t maxAge,
+                        size_t maxEntries);
 
 }  // namespace vesk_section
 

@@ -83,8 +83,7 @@ public:
     // `replacement` (a header and its pairs) or, when it is empty, removed.
     // The comment lines inside such a section stay, after its new pairs;
     // every other byte outside it stays as it is.
-    std::string Rewritten(const std::function<bool(std::string_view)> &touched,
-                          const std::string &replacement) const;
+    std::string Rewritten(const std::function<bool(std::string_view)> &touched, const std::string &replacement) const;
 
 private:
     std::string_view Body(const Line &line) const;

@@ -20,8 +20,8 @@ int vesk_status::AppendStatusSection(const vesk_section::Dir &dir, const char *s
         constexpr int kFlags = O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
         vesk_section::Fd fd(openat(dir.Fd(), szName, kFlags, 0666));
         StatusFile status;
-        int iCode = fd.Get() < 0 ? BW_ERR_FILE_OPEN
-                                 : LoadOpenStatusFile(VESK_SITE, fd.Get(), szName, time(nullptr), &status);
+        int iCode =
+            fd.Get() < 0 ? BW_ERR_FILE_OPEN : LoadOpenStatusFile(VESK_SITE, fd.Get(), szName, time(nullptr), &status);
         // A second link to the file could be someone else's file: never written to.
         if (iCode == 0 && status.st.st_nlink != 1) {
             iCode = BW_ERR_FILE_OPEN;

@@ -30,7 +30,7 @@ time_t g_lastCollection = 0;
 
 // True when the section converts into a record and is fresh.
 bool ConvertsAndIsFresh(const vesk_section::SectionFile &file, const vesk_section::Section &section, time_t now,
-                     BwHash &hash)
+                        BwHash &hash)
 {
     VESK_BANDWIDTH_STATUS record;
     memset(&record, 0, sizeof(record));
@@ -57,8 +57,7 @@ std::string HealedContent(const vesk_section::SectionFile &file, time_t now)
     return kept;
 }
 
-int ParseStatusFile(VeskSite site, vesk_section::FileBytes &bytes, const char *szName, time_t now,
-                    StatusFile *pFile)
+int ParseStatusFile(VeskSite site, vesk_section::FileBytes &bytes, const char *szName, time_t now, StatusFile *pFile)
 {
     try {
         pFile->st = bytes.st;
@@ -68,8 +67,10 @@ int ParseStatusFile(VeskSite site, vesk_section::FileBytes &bytes, const char *s
         pFile->file.reset(new vesk_section::SectionFile(std::move(bytes.content)));
         pFile->blHealed = bytes.blTruncated || pFile->file->Sections().size() > kMaxSections;
         if (pFile->blHealed) {
-            VESK_LOG_AT(site, "Status file [%s] holds more than %zu bytes or %zu sections; only its fresh sections "
-                              "are kept.", szName, kMaxFileBytes, kMaxSections);
+            VESK_LOG_AT(site,
+                        "Status file [%s] holds more than %zu bytes or %zu sections; only its fresh sections "
+                        "are kept.",
+                        szName, kMaxFileBytes, kMaxSections);
             pFile->file.reset(new vesk_section::SectionFile(HealedContent(*pFile->file, now)));
         }
         return 0;
@@ -129,8 +130,7 @@ int AtPath(VeskSite site, const char *szPath,
     }
 }
 
-int LoadStatusFile(VeskSite site, const vesk_section::Dir &dir, const char *szName, time_t now,
-                   StatusFile *pFile)
+int LoadStatusFile(VeskSite site, const vesk_section::Dir &dir, const char *szName, time_t now, StatusFile *pFile)
 {
     vesk_section::FileBytes bytes;
     int iCode = vesk_section::ReadBytes(dir.Fd(), szName, true, kMaxFileBytes, &bytes);

@@ -64,8 +64,7 @@ struct StatusFile {
 // kMaxSections sections is healed in memory: of its first kMaxSections
 // sections, the whole ones that convert and are fresh stay.  0, or the error
 // code (BW_ERR_FILE_OPEN with errno ENOENT when it is absent).
-int LoadStatusFile(VeskSite site, const vesk_section::Dir &dir, const char *szName, time_t now,
-                   StatusFile *pFile);
+int LoadStatusFile(VeskSite site, const vesk_section::Dir &dir, const char *szName, time_t now, StatusFile *pFile);
 int LoadOpenStatusFile(VeskSite site, int fd, const char *szName, time_t now, StatusFile *pFile);
 
 // The text of a section as the platform writes it: 0, or the platform's
@@ -79,8 +78,7 @@ int SectionText(const char *szSection, const VLIBC_SZHASH *pHash, std::string *p
 int ReplaceStatusSection(const vesk_section::Dir &dir, const char *szName, const char *szSection,
                          const VLIBC_SZHASH *pHash);
 int RemoveStatusSection(const vesk_section::Dir &dir, const char *szName, const char *szSection);
-int RemoveStatusSections(const vesk_section::Dir &dir, const char *szName,
-                         const std::vector<std::string> &sections);
+int RemoveStatusSections(const vesk_section::Dir &dir, const char *szName, const std::vector<std::string> &sections);
 
 // Appends the section unless the file has one of that name; the file is
 // created when missing.  1 appended, 0 present, -1 failure (code set, or

@@ -112,8 +112,7 @@ public:
         // Stale sections go whatever their protocol or direction.
         if (!vesk_status::IsFresh(record_.timestamp, now_)) {
             stale_.push_back(name);
-        } else if ((record_.protocol_type & protocol_type_) != 0 &&
-                   (record_.transfer_type & transfer_type_) != 0) {
+        } else if ((record_.protocol_type & protocol_type_) != 0 && (record_.transfer_type & transfer_type_) != 0) {
             return visitor_.Visit(name.c_str(), record_);
         }
         return 0;
@@ -127,8 +126,8 @@ public:
         }
         // The message names the platform call that removed one section at a time.
         for (const std::string &section : stale_) {
-            VESK_LOG("VLIBCFileRemoveSection failed. user:[%s], section:[%s] [0x%04X %s:%d]", szFile_,
-                     section.c_str(), VESK_ERR_ARGS);
+            VESK_LOG("VLIBCFileRemoveSection failed. user:[%s], section:[%s] [0x%04X %s:%d]", szFile_, section.c_str(),
+                     VESK_ERR_ARGS);
         }
     }
 
@@ -138,9 +137,9 @@ private:
     const int protocol_type_;
     const unsigned int transfer_type_;
     vesk_status::StatusVisitor &visitor_;
-    BwHash hash_;                    // reused for every section
-    VESK_BANDWIDTH_STATUS record_;   // likewise
-    std::vector<std::string> stale_; // removed after the pass
+    BwHash hash_;                     // reused for every section
+    VESK_BANDWIDTH_STATUS record_;    // likewise
+    std::vector<std::string> stale_;  // removed after the pass
 };
 
 // A path with a dot is a temporary file of the writer, never a status file:

@@ -87,8 +87,7 @@ int VESKBandwidthIStatusForceRemoveAll(const char *szUserName, uid_t uid, unsign
     int iGroups = VLIBCSzListCount(pGroups.get());
     for (int i = 0; i < iGroups; i++) {
         gid_t gid = 0;
-        if (BW_GROUP_LIST_GID(pGroups.get(), i, &gid) < 0 ||
-            GroupStatusRemove(gid, pid, transfer_type) < 0) {
+        if (BW_GROUP_LIST_GID(pGroups.get(), i, &gid) < 0 || GroupStatusRemove(gid, pid, transfer_type) < 0) {
             return -1;
         }
     }
@@ -99,8 +98,7 @@ int VESKBandwidthIStatusForceRemoveAll(const char *szUserName, uid_t uid, unsign
 int UserForceRemoveAll(const VESK_USER *pUser, unsigned int transfer_type, pid_t pid)
 {
     if (VESKBandwidthIStatusForceRemoveAll(pUser->szName, pUser->uid, transfer_type, pid) < 0) {
-        VESK_LOG("VESKBandwidthIStatusForceRemoveAll failed. name:[%s] [0x%04X %s:%d]", pUser->szName,
-                 VESK_ERR_ARGS);
+        VESK_LOG("VESKBandwidthIStatusForceRemoveAll failed. name:[%s] [0x%04X %s:%d]", pUser->szName, VESK_ERR_ARGS);
         return -1;
     }
     return 0;

@@ -23,8 +23,7 @@ protected:
 // Reads the status file szStatusFile exactly as the enumeration does (stale
 // sections removed afterwards, a leftover temporary file collected) and hands
 // the records of protocol_type and transfer_type to `visitor`: 0, or -1.
-int ScanStatusFile(const char *szStatusFile, int protocol_type, unsigned int transfer_type,
-                   StatusVisitor &visitor);
+int ScanStatusFile(const char *szStatusFile, int protocol_type, unsigned int transfer_type, StatusVisitor &visitor);
 
 }  // namespace vesk_status
 

@@ -19,8 +19,8 @@ using Touched = std::function<bool(std::string_view)>;
 
 // Replaces the touched sections by the pairs of pHash under the name
 // szSection, or removes them when szSection is nullptr.
-int StatusFileRewrite(const vesk_section::Dir &dir, const char *szName, const Touched &touched,
-                      const char *szSection, const VLIBC_SZHASH *pHash)
+int StatusFileRewrite(const vesk_section::Dir &dir, const char *szName, const Touched &touched, const char *szSection,
+                      const VLIBC_SZHASH *pHash)
 {
     try {
         vesk_status::StatusFile status;
