@@ -1,8 +1,6 @@
-// The record conversions on any input: pairs of text into each kind of
-// record, and records of any bytes (text fields without their terminating
-// NUL included) into pairs and into the dumps.  Converting a record to text
-// and back settles after one round (a text field without its NUL comes back
-// cut to its size less one): from then on the text form is a fixed point.
+// The record conversions on any input: pairs of text into each kind of record,
+// records of any bytes (text without its NUL) into pairs and dumps.  After one
+// round to text and back, the text form is a fixed point.
 #include <algorithm>
 #include <string>
 

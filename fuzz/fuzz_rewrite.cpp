@@ -1,8 +1,6 @@
-// The section writer on any file, through either face: replacing or removing
-// one section leaves every other section, and the lines before the first
-// header, byte for byte in their order; the result says whether the section
-// was there; a replaced section reads back with exactly its new pairs, a
-// file name that tries to forge a section kept on one line.
+// The section writer on any file, through either face: replacing or removing a
+// section keeps every other line in its place; the result says whether it was
+// there; a replaced one reads back with its new pairs, each on one line.
 #include <fstream>
 #include <iterator>
 #include <string>

@@ -1,7 +1,6 @@
 // The section-file reader on any bytes: the header lines as the syntax defines
-// them, and nothing else, make the sections that the platform lists, every
-// listed section can be read, and the status enumeration lists at most one
-// record per section.
+// them, and nothing else, make the sections listed; each can be read; the
+// status enumeration lists at most one record per section.
 #include <string.h>
 
 #include <set>

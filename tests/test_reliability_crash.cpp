@@ -1,8 +1,6 @@
-// Processes killed with SIGKILL at random moments while they save, enumerate
-// and remove status sections and store limits: every file still parses into
-// whole sections, the survivors' records are untouched, and what the killed
-// ones left is collected at the promised ages (set in the past, not waited
-// for).
+// Processes killed with SIGKILL at random moments while they save, enumerate,
+// remove and store limits: every file parses into whole sections, survivors
+// are untouched, and leftovers go at the promised ages (set in the past).
 #include <signal.h>
 #include <unistd.h>
 

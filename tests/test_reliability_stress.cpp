@@ -1,7 +1,6 @@
-// Many transfers of several users under one shared group limit, through the
-// library's whole transfer rhythm, saving and enumerating the same status
-// files for a few seconds: every enumeration parses, the transfers see each
-// other in nearly every pass, no temporary file stays, the limit holds.
+// Many transfers of several users under one group limit, in the whole transfer
+// rhythm for a few seconds: every listing parses, the transfers see each other
+// in nearly every pass, no temporary file stays, the limit holds.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -73,13 +72,11 @@ void RunTransfer(Shared &shared, int self)
         VESK_BANDWIDTH_STATUS *list = nullptr;
         int count = VESKBandwidthStatusGetAll(VESK_BW_OWNER_GROUP, kUsers, kFtp, kDown, &list);
         const std::vector<pid_t> after = Live(shared);
+        const bool counts = report.settledUs != 0 && before == after;  // no transfer came or went meanwhile
         for (VESK_BANDWIDTH_STATUS *p = list; p != nullptr; p = p->pNext, --count) {
-            report.seen += report.settledUs != 0 && p->pid != getpid() && before == after &&
-                           std::count(before.begin(), before.end(), p->pid) == 1;
+            report.seen += counts && p->pid != getpid() && std::count(before.begin(), before.end(), p->pid) == 1;
         }
-        report.expected += report.settledUs != 0 && before == after
-                               ? std::count_if(before.begin(), before.end(), [](pid_t pid) { return pid != 0; }) - 1
-                               : 0;
+        report.expected += counts ? kProcesses - 1 - std::count(before.begin(), before.end(), 0) : 0;
         VESKBandwidthStatusListFree(&list);
         report.failed = report.failed != 0 ? report.failed.load() : count != 0 ? 3 : 0;
     }
