@@ -22,8 +22,9 @@ int vesk_status::AppendStatusSection(const vesk_section::Dir &dir, const char *s
         StatusFile status;
         int iCode =
             fd.Get() < 0 ? BW_ERR_FILE_OPEN : LoadOpenStatusFile(VESK_SITE, fd.Get(), szName, time(nullptr), &status);
-        // A second link to the file could be someone else's file: never written to.
-        if (iCode == 0 && status.st.st_nlink != 1) {
+        // A second link to the file could be someone else's file: never written to.  No link
+        // at all is a file replaced meanwhile, which takes the append with it (healed next pass).
+        if (iCode == 0 && status.st.st_nlink > 1) {
             iCode = BW_ERR_FILE_OPEN;
         }
         if (iCode == BW_ERR_FILE_READ) {
