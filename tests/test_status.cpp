@@ -1,9 +1,10 @@
-// A transfer's status in the shared status files of its user and of the
-// groups it occupies: saving, registering and reading back, removal by its
-// own process or forced from outside, switching it off, and the status dump.
-#include <stddef.h>
-#include <sys/stat.h>
+// Saving a transfer's status into its user's and groups' files (registration,
+// read-back and removal are played by the transfer-loop and tool tests), and
+// the enumeration: freshness at 30/31 s on both sides of the clock, garbage
+// collection, filters, merge, list order and the caller's head.
 #include <unistd.h>
+
+#include <ctime>
 
 #include "vbw_throttle_fixture.h"
 
@@ -11,18 +12,13 @@ namespace {
 
 using vbw::kAlice;
 using vbw::kDown;
-using vbw::kUp;
-const char kUserFile[] = "/tmp/bandwidth/user-1026";
-const pid_t kOther = 5000;
+using namespace std::string_literals;
+const std::string kUserFile = "/tmp/bandwidth/user-1026";
+const int kUpload = VESK_BW_TRANSFER_UPLOAD;
 
 std::map<std::string, std::string> Own(const std::string &owner)
 {
     return vbw::ReadSection("/tmp/bandwidth/" + owner, vbw::SectionName(getpid(), kDown));
-}
-
-bool Has(const std::string &owner, pid_t pid, int transfer)
-{
-    return vbw::HasSection("/tmp/bandwidth/" + owner, vbw::SectionName(pid, transfer));
 }
 
 class StatusSaveTest : public vbw::ConfigTest {
@@ -34,292 +30,169 @@ protected:
         config.globalConf = vbw::GlobalConf(VESK_BW_PROTOCOL_FTP, {1, VESK_BW_POLICY_MIN, VESK_BW_POLICY_MIN, 0, ""});
         strcpy(status.filename, "/share/a.iso");
     }
-    int Init(const char *szFileName, int64_t *pWhen, VESK_BANDWIDTH_STATUS *pStatus)
-    {
-        return VESKBandwidthStatusInit(&config, kDown, szFileName, pWhen, pStatus);
-    }
-
     VESK_BANDWIDTH_STATUS status = vbw::Status(getpid());
 };
 
 TEST_F(StatusSaveTest, FirstSaveCreatesTheDirectoryAndTheUserFile)
 {
+    vbw::WriteFile("/tmp/bandwidth", "not a directory");
+    EXPECT_EQ(-1, VESKBandwidthStatusSave(1026, nullptr, &status));
+    EXPECT_TRUE(log.Contains("VESKFSMkdirP failed. [/tmp/bandwidth/]")) << log.Dump();
+    ASSERT_EQ(0, unlink("/tmp/bandwidth"));
+
     const VESK_BANDWIDTH_STATUS before = status;
-    ASSERT_EQ(0, VESKBandwidthStatusSave(1026, NULL, &status)) << log.Dump();
+    ASSERT_EQ(0, VESKBandwidthStatusSave(1026, nullptr, &status)) << log.Dump();
     EXPECT_EQ(022u, umask(022));
     EXPECT_EQ(S_IFDIR | 0777u, vbw::Stat("/tmp/bandwidth").st_mode);
     EXPECT_EQ(0666u, vbw::Stat(kUserFile).st_mode & 07777);  // shared by every process of the user
     const std::string header = "\n[" + vbw::SectionName(getpid(), kDown) + "]\n";
     EXPECT_EQ(header, vbw::ReadFile(kUserFile).substr(0, header.size()));
-    EXPECT_EQ("1000", Own("user-1026")["current speed"]);
     EXPECT_EQ("/share/a.iso", Own("user-1026")["filename"]);
     EXPECT_TRUE(vbw::SameBytes(before, status));
-}
-
-TEST_F(StatusSaveTest, FileInPlaceOfTheDirectoryFailsEverySave)
-{
-    vbw::WriteFile("/tmp/bandwidth", "not a directory");
-    EXPECT_EQ(-1, VESKBandwidthStatusSave(1026, NULL, &status));
-    EXPECT_TRUE(log.Contains("VESKFSMkdirP failed. [/tmp/bandwidth/]")) << log.Dump();
-    EXPECT_EQ(022u, umask(022));
+    // Read back: another pid's section, another user's file.
+    EXPECT_TRUE(VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 1, kDown, &status) == -1 &&
+                VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1027, 1, kDown, &status) == -1);
+    EXPECT_TRUE(log.Contains("Get section [1-2] from [/tmp/bandwidth/user-1026] failed. [0x2000") &&
+                log.Contains("File [/tmp/bandwidth/user-1027] doesn't exist."))
+        << log.Dump();
 }
 
 TEST_F(StatusSaveTest, GroupCopiesAreScaledByTheShare)
 {
     Occupy({{kAlice, 10000}, {100, 5000}, {101, 0}, {103, 10000}});
     config.pLimit[1].ullMaxSpeedBps = 300000;
-    config.blGroupConfExist = 0;
-    ASSERT_EQ(0, VESKBandwidthStatusSave(1026, &config, &status));
-    EXPECT_FALSE(vbw::Exists("/tmp/bandwidth/group-100"));  // the configuration says: no group record
-
     const VESK_BANDWIDTH_STATUS before = status;
-    config.blGroupConfExist = 1;
     ASSERT_EQ(0, VESKBandwidthStatusSave(1026, &config, &status)) << log.Dump();
     std::map<std::string, std::string> copy = Own("group-100");
-    EXPECT_EQ("500", copy["current speed"]);
-    EXPECT_EQ("300000", copy["expect speed"]);
-    EXPECT_EQ("group", copy["owner type"]);
-    EXPECT_EQ("100", copy["id"]);
-    EXPECT_EQ("1026", copy["uid"]);
+    EXPECT_EQ("500 300000 group 100 1026", copy["current speed"] + " " + copy["expect speed"] + " " +
+                                               copy["owner type"] + " " + copy["id"] + " " + copy["uid"]);
     EXPECT_EQ("1000", Own("group-103")["current speed"]);
     EXPECT_FALSE(vbw::Exists("/tmp/bandwidth/group-101"));
-    EXPECT_EQ(1u, vbw::ReadSections(kUserFile).size());
     EXPECT_TRUE(vbw::SameBytes(before, status));
 
     // A group copy that cannot be written still sets the record back.
     Occupy({{102, 5000}});
     vbw::MakeDirs("/tmp/bandwidth/group-102", 0777);  // cannot be rewritten as a file
     EXPECT_EQ(-1, VESKBandwidthStatusSave(1026, &config, &status));
-    EXPECT_TRUE(log.Contains("Save record for uid: [1026], section:[" + vbw::SectionName(getpid(), kDown) + "] failed."))
-        << log.Dump();
+    EXPECT_TRUE(log.Contains("Save record for uid: [1026], section:[" + vbw::SectionName(getpid(), kDown) + "]"));
     EXPECT_TRUE(vbw::SameBytes(before, status));
-    EXPECT_EQ(022u, umask(022));
 }
 
-TEST_F(StatusSaveTest, InitWritesOnlyALimitedTransfer)
+// Alice's transfer by pid; age in seconds before now.
+vbw::StatusEntry Entry(pid_t pid, int64_t age = 0, const char *protocol = "ftp", int transfer = vbw::kDown,
+                       uint64_t expect = 1000, uint64_t current = 500)
 {
-    VESK_BANDWIDTH_STATUS fresh;
-    memset(&fresh, 0, sizeof(fresh));
-    fresh.current_speed = 9;
-    int64_t when = 42;
-    Use({vbw::Limit(VESK_BW_OWNER_USER, 1026, 0, 512)});
-    config.globalConf.iState = VESK_BW_STATE_DISABLED;
-    ASSERT_EQ(0, Init("/share/b.iso", &when, &fresh));
-    VESK_BANDWIDTH_STATUS expected = vbw::Status(getpid(), 9, 0);
-    expected.timestamp = 0;  // filled: pid, ids, type, protocol, file name, owner and active only
-    memset(expected.filename, 0, sizeof(expected.filename));
-    strcpy(expected.filename, "/share/b.iso");
-    EXPECT_TRUE(vbw::SameBytes(expected, fresh));
-
-    config.globalConf.iState = VESK_BW_STATE_ENABLED;
-    config.pLimit[0].ullCurRate[kDown] = 0;  // unlimited under the policies
-    ASSERT_EQ(0, Init("/share/b.iso", &when, &fresh));
-    EXPECT_EQ(42, when);
-    EXPECT_FALSE(vbw::Exists("/tmp/bandwidth"));
-
-    config.pLimit[0].ullCurRate[kDown] = 512;
-    for (int i = 0; i < 2; i++) {
-        int64_t start = VESKBandwidthCurrTimeGet();
-        ASSERT_EQ(0, Init("/share/b.iso", &when, &fresh));
-        EXPECT_LE(start, when);
-        EXPECT_LE(when, VESKBandwidthCurrTimeGet());
-    }
-    EXPECT_EQ(1u, vbw::ReadSections(kUserFile).size());  // the second registration replaced the first
-    std::map<std::string, std::string> own = Own("user-1026");
-    EXPECT_EQ("524288", own["current speed"]);
-    EXPECT_EQ("524288", own["expect speed"]);
-    EXPECT_EQ("0", own["progress"]);
-
-    const std::string longName(5000, 'n');
-    ASSERT_EQ(0, Init(longName.c_str(), &when, &fresh));
-    EXPECT_EQ(longName.substr(0, 4095), fresh.filename);
+    return {pid, 1026, current, 1, transfer, protocol, age, expect};
 }
 
-TEST_F(StatusSaveTest, GetReadsOneSectionOverTheCallersRecord)
-{
-    ASSERT_EQ(0, VESKBandwidthStatusSave(1026, NULL, &status));
-    VESK_BANDWIDTH_STATUS back;
-    memset(&back, 0x5a, sizeof(back));
-    ASSERT_EQ(0, VESKBandwidthStatusGet(VESK_BW_OWNER_USER, 1026, kDown, &back));
-    EXPECT_EQ((void *)0x5a5a5a5a5a5a5a5aULL, (void *)back.pNext);  // never touched
-    back.pNext = NULL;
-    EXPECT_EQ(0, memcmp(&status, &back, offsetof(VESK_BANDWIDTH_STATUS, filename)));
-    EXPECT_STREQ(status.filename, back.filename);
-    EXPECT_EQ(status.transfer_type, back.transfer_type);
-
-    // A key missing from the section leaves the field as the caller had it.
-    vbw::WriteFile(kUserFile, "[4242-2]\npid=4242\ncurrent speed=7\n", 0666);
-    ASSERT_EQ(0, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4242, kDown, &back));
-    EXPECT_EQ(7u, back.current_speed);
-    EXPECT_STREQ(status.filename, back.filename);
-
-    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1026, 4243, kDown, &status));
-    EXPECT_TRUE(log.Contains("Get section [4243-2] from [/tmp/bandwidth/user-1026] failed.")) << log.Dump();
-    EXPECT_EQ(-1, VESKBandwidthIStatusGet(VESK_BW_OWNER_USER, 1027, 4242, kDown, &status));
-    EXPECT_TRUE(log.Contains("File [/tmp/bandwidth/user-1027] doesn't exist.")) << log.Dump();
-    EXPECT_EQ(1026u, status.id);
-}
-
-// Alice (1026) is in groups 100, 101 and 103; group 102 is not hers.  Her
-// upload and download and another transfer's download are in each file.
-class StatusRemoveTest : public vbw::ConfigTest {
+class StatusEnumTest : public vbw::SandboxTest {
 protected:
-    void SetUp() override
+    void TearDown() override { VESKBandwidthStatusListFree(&list_); }
+
+    int GetAll(int protocols = VESK_BW_PROTOCOL_ALL, unsigned transfers = VESK_BW_TRANSFER_ALL, int merge = 0,
+               const std::string &file = kUserFile)
     {
-        ConfigTest::SetUp();
-        Populate();
+        VESKBandwidthStatusListFree(&list_);
+        return VESKBandwidthIStatusGetAll(file.c_str(), protocols, transfers, &list_, merge);
     }
-    static void Populate()
+
+    // Runs `body(now)` until the clock did not tick during it, so that ages
+    // measured from `now` are exactly the ages the enumeration saw.
+    static bool WithinOneSecond(const std::function<void(time_t)> &body)
     {
-        const std::vector<vbw::StatusEntry> entries = {
-            {getpid(), 1026, 10, 1, kUp}, {getpid(), 1026, 20, 1, kDown}, {kOther, 1026, 30, 1, kDown}};
-        vbw::WriteStatusFile("user", 1026, entries);
-        for (unsigned gid : {100, 101, 102, 103}) {
-            vbw::WriteStatusFile("group", gid, entries);
+        for (int attempt = 0; attempt < 5; ++attempt) {
+            time_t now = time(nullptr);
+            body(now);
+            if (time(nullptr) == now) {
+                return true;
+            }
         }
+        return false;
     }
-};
 
-TEST_F(StatusRemoveTest, OwnSectionsLeaveTheUserAndTheOccupiedGroups)
-{
-    Occupy({{kAlice, 10000}, {100, 5000}, {101, 0}, {103, 10000}});
-    ASSERT_EQ(0, VESKBandwidthStatusRemove(&config, VESK_BW_TRANSFER_ALL)) << log.Dump();
-    for (const char *owner : {"user-1026", "group-100", "group-103"}) {
-        EXPECT_FALSE(Has(owner, getpid(), kUp) || Has(owner, getpid(), kDown)) << owner;
-        EXPECT_TRUE(Has(owner, kOther, kDown)) << owner;
-    }
-    EXPECT_TRUE(Has("group-101", getpid(), kDown));  // share 0: not occupied
-
-    Populate();
-    ASSERT_EQ(0, VESKBandwidthStatusRemove(&config, kDown));
-    EXPECT_TRUE(Has("user-1026", getpid(), kUp));
-    EXPECT_FALSE(Has("user-1026", getpid(), kDown));
-    EXPECT_FALSE(Has("group-103", getpid(), kDown));
-
-    Populate();
-    config.blGroupConfExist = 0;
-    ASSERT_EQ(0, VESKBandwidthStatusRemove(&config, VESK_BW_TRANSFER_ALL));
-    EXPECT_FALSE(Has("user-1026", getpid(), kDown));
-    EXPECT_TRUE(Has("group-100", getpid(), kDown));
-
-    // By a list of occupied groups: group 200 has no file, nothing to do there.
-    Populate();
-    const std::string before = vbw::ReadFile("/tmp/bandwidth/group-100");
-    const unsigned groups[] = {100, 200, 103};
-    ASSERT_EQ(0, VESKBandwidthStatusRemoveByOccGroups(groups, 0, VESK_BW_TRANSFER_ALL));
-    EXPECT_EQ(before, vbw::ReadFile("/tmp/bandwidth/group-100"));
-    ASSERT_EQ(0, VESKBandwidthStatusRemoveByOccGroups(groups, 3, kUp)) << log.Dump();
-    EXPECT_FALSE(Has("group-100", getpid(), kUp));
-    EXPECT_TRUE(Has("group-100", getpid(), kDown));
-    EXPECT_FALSE(Has("group-103", getpid(), kUp));
-    EXPECT_TRUE(Has("group-101", getpid(), kUp));
-    EXPECT_TRUE(Has("user-1026", getpid(), kUp));
-}
-
-TEST_F(StatusRemoveTest, ForcedRemovalVisitsEveryGroupOfTheUser)
-{
-    ASSERT_EQ(0, VESKBandwidthStatusForceRemoveAllByUID(1026, VESK_BW_TRANSFER_ALL)) << log.Dump();
-    for (const char *owner : {"user-1026", "group-100", "group-101", "group-103"}) {
-        EXPECT_FALSE(Has(owner, getpid(), kDown)) << owner;
-        EXPECT_TRUE(Has(owner, kOther, kDown)) << owner;
-    }
-    EXPECT_TRUE(Has("group-102", getpid(), kDown));
-    ASSERT_EQ(0, VESKBandwidthStatusForceRemoveAllByUserName("alice", kDown, kOther)) << log.Dump();
-    EXPECT_FALSE(Has("group-101", kOther, kDown));
-    EXPECT_TRUE(Has("group-102", kOther, kDown));
-
-    // Failures: a bad pid, an unknown user, a gid with text after its digits
-    // (which ends the walk over the groups there).
-    Populate();
-    const std::string before = vbw::ReadFile(kUserFile);
-    EXPECT_EQ(-1, VESKBandwidthStatusForceRemoveAllByUserName("alice", VESK_BW_TRANSFER_ALL, -1));
-    EXPECT_EQ(BW_ERR_BAD_PARAMETERS, VLIBCErrGet());
-    EXPECT_EQ(before, vbw::ReadFile(kUserFile));
-    EXPECT_TRUE(log.Contains("VESKBandwidthIStatusRemove failed. uid:[1026]")) << log.Dump();
-    EXPECT_EQ(-1, VESKBandwidthStatusForceRemoveAllByUserName("zoe", VESK_BW_TRANSFER_ALL, kOther));
-    EXPECT_TRUE(log.Contains("VESKUserGet failed. name:[zoe]")) << log.Dump();
-    const std::vector<std::string> groups = {"100", "100x", "103"};
-    vbw::FakeGroupList(&groups);
-    EXPECT_EQ(-1, VESKBandwidthStatusForceRemoveAllByUID(1026, VESK_BW_TRANSFER_ALL));
-    EXPECT_EQ(BW_ERR_BAD_VALUE, VLIBCErrGet());
-    EXPECT_TRUE(log.From("bandwidth_status_remove.cpp", "invalid gid [100x]")) << log.Dump();
-    EXPECT_TRUE(log.Contains("VESKBandwidthIStatusForceRemoveAll failed. name:[alice]")) << log.Dump();
-    EXPECT_FALSE(Has("user-1026", getpid(), kDown));
-    EXPECT_FALSE(Has("group-100", getpid(), kDown));
-    EXPECT_TRUE(Has("group-103", getpid(), kDown));
-}
-
-TEST_F(StatusRemoveTest, SetActiveRewritesOnlyTheUsersSection)
-{
-    ASSERT_EQ(0, VESKBandwidthStatusSetActiveByUserName("alice", kDown, kOther, 0)) << log.Dump();
-    std::map<std::string, std::string> section = vbw::ReadSection(kUserFile, vbw::SectionName(kOther, kDown));
-    EXPECT_EQ("0", section["active"]);
-    EXPECT_EQ("30", section["current speed"]);
-    EXPECT_EQ("user", section["owner type"]);
-    EXPECT_EQ("1", vbw::ReadSection("/tmp/bandwidth/group-100", vbw::SectionName(kOther, kDown))["active"]);
-
-    EXPECT_EQ(-1, VESKBandwidthStatusSetActiveByUserName("alice", kDown, kOther + 1, 0));
-    EXPECT_TRUE(log.Contains("Get section [5001-2] from [/tmp/bandwidth/user-1026] failed.")) << log.Dump();
-    EXPECT_TRUE(log.Contains("VESKBandwidthStatusGet failed. name:[alice]")) << log.Dump();
-}
-
-class StatusDumpTest : public vbw::SandboxTest {
-protected:
-    std::string Dump(int result = 0)
+    std::vector<pid_t> Pids() const
     {
-        return vbw::Printed([&](FILE *fp) { return VESKBandwidthStatusDump(fp, &status_); }, result);
+        std::vector<pid_t> pids;
+        for (VESK_BANDWIDTH_STATUS *p = list_; p != nullptr; p = p->pNext) {
+            pids.push_back(p->pid);
+        }
+        return pids;
     }
-    VESK_BANDWIDTH_STATUS status_ = vbw::Status(4321, 524288, 1048576);
+
+    VESK_BANDWIDTH_STATUS *list_ = nullptr;
 };
 
-TEST_F(StatusDumpTest, OneFixedWidthLinePerTransfer)
+// Fresh is at most 30 seconds old, or at most 30 seconds ahead (a clock
+// step); a section further away either way is collected, whatever its
+// protocol and direction.
+TEST_F(StatusEnumTest, ThirtySecondsIsFreshThirtyOneIsCollected)
 {
-    status_.timestamp = 1700000000;
-    snprintf(status_.filename, sizeof status_.filename, "/volume1/share/a.iso");
-    status_.progress = 2550;
-    EXPECT_EQ("                         alice        ftp   download  4321 1700000000"
-              "    1024.00     512.00 25.50 /volume1/share/a.iso\n",
-              Dump());
-    // A group copy prints the group's name.
-    status_.owner_type = VESK_BW_OWNER_GROUP;
-    status_.id = 102;
-    status_.protocol_type = VESK_BW_PROTOCOL_WEBDAV;
-    status_.transfer_type = VESK_BW_TRANSFER_UPLOAD;
-    EXPECT_EQ("                         media     webdav     upload  4321 1700000000"
-              "    1024.00     512.00 25.50 /volume1/share/a.iso\n",
-              Dump());
-    // Values without a name print as unknown.
-    status_.protocol_type = (VESK_BW_PROTOCOL_TYPE)64;
-    status_.transfer_type = VESK_BW_TRANSFER_ALL;
-    EXPECT_TRUE(vbw::Has(Dump(), "media unknown(64) unknown(3)  4321 1700000000"));
-
-    const struct {
-        uint64_t expect, current;
-        uint32_t progress;
-        const char *columns;
-    } cases[] = {
-        {0, 0, 5, "      0.00       0.00 0.05 "},
-        {1536, 1, 10000, "      1.50       0.00 100.00 "},
-        {1ull << 40, 3ull << 30, 0, "1073741824.00 3145728.00 0.00 "},
-    };
-    for (const auto &c : cases) {
-        status_.expect_speed = c.expect;
-        status_.current_speed = c.current;
-        status_.progress = c.progress;
-        std::string line = Dump();
-        EXPECT_TRUE(vbw::Has(line, std::string("1700000000 ") + c.columns)) << line;
-    }
+    int count = -1;
+    ASSERT_TRUE(WithinOneSecond([&](time_t) {
+        vbw::WriteStatusFile("user", 1026,
+                             {Entry(1, 30), Entry(2, 31), Entry(3, -30), Entry(4, -31), Entry(5, -100000),
+                              Entry(6, 31, "webdav", kUpload), Entry(7)});
+        count = GetAll(VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_DOWNLOAD);
+    }));
+    EXPECT_EQ(3, count);
+    EXPECT_EQ((std::vector<pid_t>{7, 3, 1}), Pids());  // file order reversed
+    EXPECT_STREQ("/share/f3", list_->pNext->filename);
+    vbw::Sections kept = vbw::ReadSections(kUserFile);
+    EXPECT_TRUE(kept.size() == 3 && kept.count("1-2") && kept.count("3-2") && kept.count("7-2"));
 }
 
-TEST_F(StatusDumpTest, FailuresPrintNothing)
+TEST_F(StatusEnumTest, MasksSelectMergeSumsAndBadSectionsAreSkipped)
 {
-    status_.id = 4242;
-    EXPECT_EQ("", Dump(-1));
-    EXPECT_TRUE(log.From("bandwidth_status_dump.cpp", "VESKUserGetByUID failed. [4242] [0x")) << log.Dump();
-    status_.owner_type = VESK_BW_OWNER_GROUP;
-    status_.id = 4343;
-    EXPECT_EQ("", Dump(-1));
-    EXPECT_TRUE(log.Contains("VESKGroupGetByGID failed. [4343] [0x")) << log.Dump();
+    vbw::WriteStatusFile("user", 1026,
+                         {Entry(1, 0, "ftp", vbw::kDown, 100, 10), Entry(2, 0, "webdav"),
+                          Entry(3, 0, "ftp", kUpload, 700, 70), Entry(4, 0, "ftp", vbw::kDown, 0, 30)});
+    EXPECT_EQ(4, GetAll(VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_ALL, 2));  // any value but 1: no merge
+    EXPECT_EQ(1, GetAll(VESK_BW_PROTOCOL_WEBDAV | VESK_BW_PROTOCOL_RSYNC, VESK_BW_TRANSFER_ALL));
+    VESK_BANDWIDTH_STATUS sentinel = {}, *head = &sentinel;  // a result of 0 leaves the caller's head alone
+    EXPECT_EQ(0, VESKBandwidthIStatusGetAll(kUserFile.c_str(), VESK_BW_PROTOCOL_RSYNC, 3, &head, 0));
+    EXPECT_EQ(&sentinel, head);
+    ASSERT_EQ(3, GetAll(VESK_BW_PROTOCOL_ALL, VESK_BW_TRANSFER_ALL, 1));
+    EXPECT_EQ((std::vector<pid_t>{3, 2, 1}), Pids());  // the merged record keeps the first section's fields
+    // Speeds add up, and an unlimited one makes the sum unlimited.
+    EXPECT_TRUE(list_->pNext->pNext->expect_speed == 0 && list_->pNext->pNext->current_speed == 40);
+
+    // A section that does not convert is skipped, and kept.
+    vbw::WriteStatusFile("user", 1026, {Entry(1)});
+    vbw::WriteFile(kUserFile, vbw::ReadFile(kUserFile) + "[2-2]\nid=12abc\n", 0666);
+    EXPECT_EQ(1, GetAll());
+    EXPECT_TRUE(log.From("bandwidth_status_get_all.cpp", "Init status from hash failed. [0x4000")) << log.Dump();
+    vbw::Sections kept = vbw::ReadSections(kUserFile);
+    EXPECT_TRUE(kept.size() == 2 && kept.count("2-2"));
+}
+
+// A temporary file of a killed writer goes once unchanged for more than 10
+// seconds: when handed to the enumeration, and when any status file of the
+// directory is enumerated.  A link is judged itself, never followed.
+TEST_F(StatusEnumTest, LeftoverTemporaryFilesAreCollectedAfterTenSeconds)
+{
+    vbw::WriteStatusFile("group", 100, {Entry(1)});
+    vbw::WriteFile("/tmp/victim", "keep\n", 0644);
+    const std::string handed = kUserFile + ".Ab12Cd", link = kUserFile + ".Zz99Yy", young = kUserFile + ".Yy88Xx";
+    std::vector<bool> kept;
+    ASSERT_TRUE(WithinOneSecond([&](time_t now) {
+        vbw::WriteFile(handed, "[1-2]\ntimestamp=" + std::to_string(now) + "\n", 0600);
+        for (time_t age : {10, 11}) {
+            vbw::SetModified(handed, now - age);
+            EXPECT_EQ(0, GetAll(15, 3, 0, handed));  // never read as a status file
+            kept.push_back(vbw::Exists(handed));
+        }
+    }));
+    EXPECT_EQ((std::vector<bool>{true, false}), std::vector<bool>(kept.end() - 2, kept.end()));
+
+    ASSERT_EQ(0, symlink("/tmp/victim", link.c_str()));
+    vbw::WriteFile(young, "", 0600);
+    for (const std::string &path : {link, "/tmp/victim"s, "/tmp/bandwidth/group-100.Qq77Pp"s}) {
+        vbw::WriteFile(path, "[1-2]\n", 0600);
+        vbw::SetModified(path, time(nullptr) - 11);
+    }
+    EXPECT_EQ(1, GetAll(15, 3, 0, "/tmp/bandwidth/group-100"));
+    EXPECT_EQ((std::vector<std::string>{"/tmp/bandwidth/group-100", young}), vbw::Paths("/tmp/bandwidth/*"));
+    EXPECT_EQ("[1-2]\n", vbw::ReadFile("/tmp/victim"));
 }
 
 }  // namespace

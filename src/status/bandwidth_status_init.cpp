@@ -1,5 +1,5 @@
-/* Registers a new transfer of the calling process: fills its status record
- * and, when the transfer is limited, saves it for the first time. */
+// Registers a new transfer of the calling process: fills its status record
+// and, when the transfer is limited, saves it for the first time.
 #include <stdio.h>
 #include <time.h>
 #include <unistd.h>
@@ -27,12 +27,13 @@ void StatusFill(const VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type, const c
 int VESKBandwidthStatusInit(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type, const char *szFileName, int64_t *pTime,
                             VESK_BANDWIDTH_STATUS *pStatus)
 {
-    if (!VESK_ARG_OK(((void *)0) != szFileName) || !VESK_ARG_OK(((void *)0) != pTime) ||
-        !VESK_ARG_OK(NULL != pStatus)) {
+    if (!VESK_ARG_CHECK(szFileName != nullptr, "((void *)0) != szFileName") ||
+        !VESK_ARG_CHECK(pTime != nullptr, "((void *)0) != pTime") ||
+        !VESK_ARG_CHECK(pStatus != nullptr, "NULL != pStatus")) {
         return -1;
     }
     StatusFill(pConfig, transfer_type, szFileName, pStatus);
-    if (VESK_BW_STATE_DISABLED == pConfig->globalConf.iState || 0 == pConfig->iLimitCount) {
+    if (pConfig->globalConf.iState == VESK_BW_STATE_DISABLED || pConfig->iLimitCount == 0) {
         return 0;
     }
     if (VESKBandwidthExpectSpeedEstimateByPolicy(transfer_type, pConfig, &pStatus->expect_speed, 1) < 0) {
@@ -40,10 +41,10 @@ int VESKBandwidthStatusInit(VESK_BANDWIDTH_CONFIG *pConfig, int transfer_type, c
                  VESK_ERR_ARGS);
         return -1;
     }
-    if (0 == pStatus->expect_speed) {
+    if (pStatus->expect_speed == 0) {
         return 0;
     }
-    pStatus->timestamp = time(NULL);
+    pStatus->timestamp = time(nullptr);
     pStatus->progress = 0;
     pStatus->current_speed = pStatus->expect_speed;
     if (VESKBandwidthStatusSave(pConfig->uid, pConfig, pStatus) < 0) {

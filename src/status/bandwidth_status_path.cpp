@@ -1,18 +1,17 @@
-/* Paths and section names of the status files. */
+// Paths and section names of the status files.
 #include "bandwidth_status_path.h"
 
 #include <stdio.h>
-#include <syslog.h>
 
 #include "common/bandwidth_enum_name.h"
 
-int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_t cbPath, const char *szFile,
-                            int iLine)
+int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_t cbPath, VeskSite site)
 {
     char szOwner[256] = {0};
 
     if (!BandwidthEnumName(VESK_BW_OWNER_TYPE_NAMES, owner_type, szOwner, sizeof(szOwner))) {
-        syslog(LOG_ERR, "%s:%d VESKBandwidthEnumToName failed, protocol=%d", szFile, iLine, owner_type);
+        // The fixed message says "protocol" where it prints the owner type.
+        VESK_LOG_AT(site, "VESKBandwidthEnumToName failed, protocol=%d", owner_type);
         return -1;
     }
     snprintf(szPath, cbPath, BW_STATUS_DIR "%s-%u", szOwner, id);

@@ -1,7 +1,7 @@
-/* Where a transfer's status lives: the status file of an owner and the
- * section of one transfer direction of one process.  Internal to the library.
- * Helpers that log take the file name and line of their caller, so that every
- * message names the module that asked. */
+// Where a transfer's status lives: the status file of an owner and the
+// section of one transfer direction of one process.  Internal to the library.
+// Helpers that log take the site of their caller, so that every message names
+// the module that asked.
 #ifndef BANDWIDTH_STATUS_PATH_H
 #define BANDWIDTH_STATUS_PATH_H
 
@@ -10,22 +10,22 @@
 
 #include "common/bandwidth_handles.h"
 #include "veskbandwidth.h"
+#include "vesk_log.h"
 
-/* Directory of every status file. */
+// Directory of every status file.
 #define BW_STATUS_DIR "/tmp/bandwidth/"
 
-/* Buffer sizes of a status file path and of a section name. */
-#define BW_STATUS_PATH_SIZE 4095
+// Buffer sizes of a status file path and of a section name.
+#define BW_STATUS_PATH_SIZE    4095
 #define BW_STATUS_SECTION_SIZE 512
 
-/* The status file "/tmp/bandwidth/<owner type name>-<id>" into szPath (cbPath
- * bytes): 0, or -1 (logged) when the owner type has no name. */
-int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_t cbPath, const char *szFile,
-                            int iLine);
-#define BW_STATUS_FILE_PATH(owner_type, id, szPath) \
-    BandwidthStatusFilePath((owner_type), (id), (szPath), sizeof(szPath), __FILE_NAME__, __LINE__)
+// The status file "/tmp/bandwidth/<owner type name>-<id>" into szPath (cbPath
+// bytes): 0, or -1 (logged) when the owner type has no name.
+int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_t cbPath, VeskSite site);
+#define BW_STATUS_FILE_PATH(owner_type, id, szPath)                                                                    \
+    BandwidthStatusFilePath((owner_type), (id), (szPath), sizeof(szPath), VESK_SITE)
 
-/* The section "<pid>-<transfer type>" into szSection (cbSection bytes). */
+// The section "<pid>-<transfer type>" into szSection (cbSection bytes).
 void BandwidthStatusSectionName(pid_t pid, int transfer_type, char *szSection, size_t cbSection);
 
 #endif

@@ -1,37 +1,47 @@
-/* Takes a transfer's sections out of the status files of its user and its
- * groups, and switches a transfer off from outside. */
+// Takes a transfer's sections out of the status files of its user and its
+// groups, and switches a transfer off from outside.
+#include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/bandwidth_user_groups.h"
 #include "veskbandwidth.h"
-#include "vesk_file.h"
 #include "vesk_log.h"
 
+#include "bandwidth_status_file.h"
 #include "bandwidth_status_path.h"
 
 namespace {
 
-/* Removes the sections of process pid, for every direction in the
- * transfer-type mask, from the status file of one owner.  A missing file or
- * section is no failure. */
+// Removes the sections of process pid, for every direction in the
+// transfer-type mask, from the status file of one owner.  A missing file or
+// section is no failure.
 int VESKBandwidthIStatusRemove(int owner_type, unsigned int id, pid_t pid, unsigned int transfer_type)
 {
     char szPath[BW_STATUS_PATH_SIZE] = {0};
 
-    if (!VESK_ARG_OK((pid_t)-1 != pid)) {
+    if (!VESK_ARG_CHECK(pid != -1, "(pid_t)-1 != pid")) {
         return -1;
     }
     if (BW_STATUS_FILE_PATH(owner_type, id, szPath) < 0) {
         return -1;
     }
-    for (const VESK_BW_ENUM_ENTRY *pRow = VESK_BW_TRANSFER_TYPE_NAMES; NULL != pRow->szName; pRow++) {
-        if (0 == ((unsigned int)pRow->iValue & transfer_type)) {
+    vesk_section::Dir dir;
+    int iOpen = vesk_status::OpenStatusDir(VESK_SITE, false, &dir);
+    if (iOpen <= 0) {
+        return iOpen;
+    }
+    const char *szName = szPath + sizeof(BW_STATUS_DIR) - 1;
+    for (const VESK_BW_ENUM_ENTRY *pRow = VESK_BW_TRANSFER_TYPE_NAMES; pRow->szName != nullptr; pRow++) {
+        if (((unsigned int)pRow->iValue & transfer_type) == 0) {
             continue;
         }
         char szSection[BW_STATUS_SECTION_SIZE] = {0};
         BandwidthStatusSectionName(pid, pRow->iValue, szSection, sizeof(szSection));
-        if (1 == VLIBCFileExist(szPath) && VESKBandwidthStatusRemoveSection(szPath, szSection) < 0) {
+        struct stat st;
+        if (fstatat(dir.Fd(), szName, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            vesk_status::RemoveStatusSection(dir, szName, szSection) < 0) {
             VESK_LOG("Remove section [%s] from [%s] failed. [0x%04X %s:%d]", szSection, szPath, VESK_ERR_ARGS);
             return -1;
         }
@@ -39,7 +49,7 @@ int VESKBandwidthIStatusRemove(int owner_type, unsigned int id, pid_t pid, unsig
     return 0;
 }
 
-/* Removes the sections of process pid from the file of group gid. */
+// Removes the sections of process pid from the file of group gid.
 int GroupStatusRemove(gid_t gid, pid_t pid, unsigned int transfer_type)
 {
     if (VESKBandwidthIStatusRemove(VESK_BW_OWNER_GROUP, gid, pid, transfer_type) < 0) {
@@ -49,7 +59,7 @@ int GroupStatusRemove(gid_t gid, pid_t pid, unsigned int transfer_type)
     return 0;
 }
 
-/* Removes the sections of process pid from the file of user uid. */
+// Removes the sections of process pid from the file of user uid.
 int UserStatusRemove(uid_t uid, pid_t pid, unsigned int transfer_type)
 {
     if (VESKBandwidthIStatusRemove(VESK_BW_OWNER_USER, uid, pid, transfer_type) < 0) {
@@ -59,11 +69,12 @@ int UserStatusRemove(uid_t uid, pid_t pid, unsigned int transfer_type)
     return 0;
 }
 
-/* The user's file, then the file of every group the user belongs to,
- * whether or not the transfer occupies it. */
+// The user's file, then the file of every group the user belongs to,
+// whether or not the transfer occupies it.
 int VESKBandwidthIStatusForceRemoveAll(const char *szUserName, uid_t uid, unsigned int transfer_type, pid_t pid)
 {
-    if (!VESK_ARG_OK(((void *)0) != szUserName) || !VESK_ARG_OK(UID_ERR != uid)) {
+    if (!VESK_ARG_CHECK(szUserName != nullptr, "((void *)0) != szUserName") ||
+        !VESK_ARG_CHECK(uid != UID_ERR, "UID_ERR != uid")) {
         return -1;
     }
     if (UserStatusRemove(uid, pid, transfer_type) < 0) {
@@ -84,21 +95,20 @@ int VESKBandwidthIStatusForceRemoveAll(const char *szUserName, uid_t uid, unsign
     return 0;
 }
 
-/* The forced removal for the user of a platform user record. */
+// The forced removal for the user of a platform user record.
 int UserForceRemoveAll(const VESK_USER *pUser, unsigned int transfer_type, pid_t pid)
 {
     if (VESKBandwidthIStatusForceRemoveAll(pUser->szName, pUser->uid, transfer_type, pid) < 0) {
-        VESK_LOG("VESKBandwidthIStatusForceRemoveAll failed. name:[%s] [0x%04X %s:%d]", pUser->szName,
-                 VESK_ERR_ARGS);
+        VESK_LOG("VESKBandwidthIStatusForceRemoveAll failed. name:[%s] [0x%04X %s:%d]", pUser->szName, VESK_ERR_ARGS);
         return -1;
     }
     return 0;
 }
 
-/* The platform's record of the named user; NULL (logged) when it fails. */
+// The platform's record of the named user; empty (logged) when it fails.
 BwUserPtr UserByName(const char *szUserName)
 {
-    VESK_USER *pUser = NULL;
+    VESK_USER *pUser = nullptr;
     if (VESKUserGet(szUserName, &pUser) < 0) {
         VESK_LOG("VESKUserGet failed. name:[%s] [0x%04X %s:%d]", szUserName, VESK_ERR_ARGS);
         return BwUserPtr();
@@ -112,18 +122,18 @@ int VESKBandwidthStatusRemove(const VESK_BANDWIDTH_CONFIG *pConfig, unsigned int
 {
     pid_t pid = getpid();
 
-    if (!VESK_ARG_OK(((void *)0) != pConfig)) {
+    if (!VESK_ARG_CHECK(pConfig != nullptr, "((void *)0) != pConfig")) {
         return -1;
     }
     if (UserStatusRemove(pConfig->uid, pid, transfer_type) < 0) {
         return -1;
     }
-    if (0 == pConfig->blGroupConfExist) {
+    if (pConfig->blGroupConfExist == 0) {
         return 0;
     }
     for (int i = 0; i < pConfig->iLimitCount; i++) {
         const VESK_BANDWIDTH_LIMIT *pLimit = &pConfig->pLimit[i];
-        if (VESK_BW_OWNER_USER == pLimit->iOwnerType || 0 == pLimit->ullOccupyShare) {
+        if (pLimit->iOwnerType == VESK_BW_OWNER_USER || pLimit->ullOccupyShare == 0) {
             continue;
         }
         if (GroupStatusRemove(pLimit->id, pid, transfer_type) < 0) {
@@ -147,7 +157,7 @@ int VESKBandwidthStatusRemoveByOccGroups(const unsigned int *pGroups, int iCount
 
 int VESKBandwidthStatusForceRemoveAllByUserName(const char *szUserName, unsigned int transfer_type, pid_t pid)
 {
-    if (!VESK_ARG_OK(((void *)0) != szUserName)) {
+    if (!VESK_ARG_CHECK(szUserName != nullptr, "((void *)0) != szUserName")) {
         return -1;
     }
     BwUserPtr pUser = UserByName(szUserName);
@@ -168,7 +178,7 @@ int VESKBandwidthStatusForceRemoveAllByUID(uid_t uid, unsigned int transfer_type
 
 int VESKBandwidthStatusSetActiveByUserName(const char *szUserName, int transfer_type, pid_t pid, unsigned int active)
 {
-    if (!VESK_ARG_OK(((void *)0) != szUserName)) {
+    if (!VESK_ARG_CHECK(szUserName != nullptr, "((void *)0) != szUserName")) {
         return -1;
     }
     BwUserPtr pUser = UserByName(szUserName);
@@ -182,7 +192,7 @@ int VESKBandwidthStatusSetActiveByUserName(const char *szUserName, int transfer_
         return -1;
     }
     status.active = active;
-    if (VESKBandwidthStatusSave(pUser->uid, NULL, &status) < 0) {
+    if (VESKBandwidthStatusSave(pUser->uid, nullptr, &status) < 0) {
         VESK_LOG("VESKBandwidthStatusSave failed. name:[%s] [0x%04X %s:%d]", szUserName, VESK_ERR_ARGS);
         return -1;
     }
