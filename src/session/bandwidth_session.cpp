@@ -25,11 +25,13 @@ constexpr int64_t kPassIntervalNs = kNsPerSecond / 5;
 constexpr int64_t kRetryFirstNs = kNsPerSecond;
 constexpr int64_t kRetryLongestNs = 30 * kNsPerSecond;
 
-// The next I/O holds this much time of data at the current speed, within
-// the bounds.
-constexpr uint64_t kChunksPerSecond = 100;
+// The next I/O holds 1/60 s of data at the current speed, within the bounds:
+// six chunks in every 100 ms keep a window of that length within a sixth of
+// the speed, while every wait costs a wake-up (tens of microseconds of CPU on
+// a virtual machine).
+constexpr uint64_t kChunksPerSecond = 60;
 constexpr uint64_t kChunkMin = 4096;
-constexpr uint64_t kChunkMax = 4 << 20;
+constexpr uint64_t kChunkMax = 16 << 20;
 
 }  // namespace
 
@@ -85,18 +87,16 @@ int VESK_BANDWIDTH_SESSION::Open(uid_t uid, int protocol_type, int transfer_type
         return -1;
     }
     transferType_ = transfer_type;
-    int64_t llNowNs = BwMonotonicNs();
-    llIntervalStartNs_ = llNowNs;
-    // The first Pace runs a pass, which measures the first bytes.
-    llNextPassNs_ = llNowNs;
-    if (0 != VESKBandwidthStatusInit(&config_, transfer_type, szFileName, &llTimeLast_, &status_)) {
+    bool blRegistered = 0 == VESKBandwidthStatusInit(&config_, transfer_type, szFileName, &llTimeLast_, &status_);
+    // The transfer starts when the caller gets the session, and the first
+    // Pace runs a pass, which measures the first bytes.
+    llIntervalStartNs_ = llNextPassNs_ = BwMonotonicNs();
+    if (!blRegistered) {
         VESK_LOG("VESKBandwidthStatusInit failed. uid:[%u] file:[%s] [0x%04X %s:%d]", (unsigned int)uid, szFileName,
                  VESK_ERR_ARGS);
         Failed();
-        pacer_.Restart(ConfiguredRate(), llNowNs);
-        return 0;
     }
-    pacer_.Restart(status_.expect_speed, llNowNs);
+    pacer_.Restart(blRegistered ? status_.expect_speed : ConfiguredRate(), llIntervalStartNs_);
     return 0;
 }
 
@@ -158,7 +158,8 @@ int VESK_BANDWIDTH_SESSION::Pass(int64_t llNowNs)
 {
     bool blPassed = RegisterIfForked();
     uint64_t cbPending = pacer_.Pending(llNowNs);
-    uint64_t cbCharged = 0 == pacer_.Rate() ? 0 : cbInterval_ - cbPending;  // unpaced bytes are never charged
+    // Unpaced bytes are never charged.
+    uint64_t cbCharged = 0 == pacer_.Rate() ? 0 : cbInterval_ - std::min(cbInterval_, cbPending);
     int64_t llStartUs = VESKBandwidthCurrTimeGet() - (llNowNs - llIntervalStartNs_ + 999) / 1000;
     llTimeLast_ = llStartUs;
     if (0 != VESKBandwidthSleepInLoop(&config_, cbCharged, progress_, &llTimeLast_, &status_)) {
