@@ -70,6 +70,7 @@ private:
     uint64_t cbInterval_;        // bytes moved since the last pass
     int64_t llNextPassNs_;
     int64_t llRetryNs_;          // pause before the next try after failed passes, 0 while they work
+    bool blStarted_;             // the first bytes were paced
     bool blReloadAsked_;
     bool blFailureLogged_;
     bool blDeactivated_;
@@ -88,8 +89,7 @@ int VESK_BANDWIDTH_SESSION::Open(uid_t uid, int protocol_type, int transfer_type
     }
     transferType_ = transfer_type;
     bool blRegistered = 0 == VESKBandwidthStatusInit(&config_, transfer_type, szFileName, &llTimeLast_, &status_);
-    // The transfer starts when the caller gets the session, and the first
-    // Pace runs a pass, which measures the first bytes.
+    // The first Pace runs a pass, which measures the first bytes.
     llIntervalStartNs_ = llNextPassNs_ = BwMonotonicNs();
     if (!blRegistered) {
         VESK_LOG("VESKBandwidthStatusInit failed. uid:[%u] file:[%s] [0x%04X %s:%d]", (unsigned int)uid, szFileName,
@@ -110,6 +110,13 @@ int VESK_BANDWIDTH_SESSION::Pace(uint64_t cbMoved)
         return -1;
     }
     int64_t llNowNs = BwMonotonicNs();
+    if (!blStarted_) {
+        // Pacing starts with the first bytes: the time the caller took to
+        // begin after Open is no credit.
+        blStarted_ = true;
+        pacer_.Restart(pacer_.Rate(), llNowNs);
+        llIntervalStartNs_ = llNowNs;
+    }
     pacer_.Count(cbMoved, llNowNs);
     cbInterval_ += cbMoved;
     for (;;) {
