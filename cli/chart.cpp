@@ -82,18 +82,7 @@ std::string Coord(double value)
 // Printable text, cut to `chars` characters, escaped for XML.
 std::string XmlText(const std::string &text, size_t chars)
 {
-    std::string printable = Printable(text);
-    if (DisplayWidth(printable) > chars) {
-        std::string cut;
-        size_t count = 0;
-        for (char c : printable) {
-            if ((static_cast<unsigned char>(c) & 0xC0) != 0x80 && ++count == chars) {
-                break;
-            }
-            cut += c;
-        }
-        printable = cut + (Utf8Locale() ? "\u2026" : "...");
-    }
+    std::string printable = CutToWidth(Printable(text), chars);
     std::string escaped;
     for (char c : printable) {
         switch (c) {

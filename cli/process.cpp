@@ -143,7 +143,7 @@ std::vector<pid_t> ProcessGroupMembers(pid_t group)
 
 bool ProcessExists(pid_t pid)
 {
-    return kill(pid, 0) == 0 || errno == EPERM;
+    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
 
 std::string PidList(const std::vector<pid_t> &pids)

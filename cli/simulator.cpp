@@ -56,12 +56,10 @@ Simulation::Simulation(const TransferRequest &request, size_t kibibytes) : reque
 
 Simulation::~Simulation()
 {
-    if (pid_ > 0) {
-        try {
-            Stop();
-        } catch (const Error &error) {
-            Warn(error.what());
-        }
+    try {
+        Stop();
+    } catch (const Error &error) {
+        Warn(error.what());
     }
     if (messages_ >= 0) {
         close(messages_);
@@ -101,6 +99,9 @@ bool Simulation::Ended(std::string *failure)
 
 void Simulation::Stop()
 {
+    if (pid_ <= 0) {
+        return;  // ended already: no pid to signal (kill(-1) would reach every process)
+    }
     pid_t pid = pid_;
     pid_ = -1;
     kill(pid, SIGKILL);

@@ -62,23 +62,6 @@ bool IsContinuationByte(char c)
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-// The printable line cut to `width` columns, its last one marking the cut.
-std::string CutToWidth(const std::string &line, size_t width)
-{
-    if (width == 0 || DisplayWidth(line) <= width) {
-        return line;
-    }
-    std::string cut;
-    size_t columns = 0;
-    for (size_t i = 0; i < line.size(); ++i) {
-        if (!IsContinuationByte(line[i]) && ++columns == width) {
-            break;
-        }
-        cut += line[i];
-    }
-    return cut + (Utf8Locale() ? "\u2026" : ">");
-}
-
 }  // namespace
 
 std::string Printable(const std::string &text)
@@ -101,6 +84,22 @@ std::string Printable(const std::string &text)
         i += length;
     }
     return out;
+}
+
+std::string CutToWidth(const std::string &line, size_t width)
+{
+    if (width == 0 || DisplayWidth(line) <= width) {
+        return line;
+    }
+    std::string cut;
+    size_t columns = 0;
+    for (size_t i = 0; i < line.size(); ++i) {
+        if (!IsContinuationByte(line[i]) && ++columns == width) {
+            break;
+        }
+        cut += line[i];
+    }
+    return cut + (Utf8Locale() ? "\u2026" : ">");
 }
 
 size_t DisplayWidth(const std::string &text)

@@ -19,6 +19,8 @@ namespace cli {
 std::string Printable(const std::string &text);
 // Columns the (printable) text takes on a terminal: one per character.
 size_t DisplayWidth(const std::string &text);
+// Printable text cut to `width` columns (0: no limit), its last one marking the cut.
+std::string CutToWidth(const std::string &text, size_t width);
 // Whether the locale's character set is UTF-8 (set once from the environment).
 bool Utf8Locale();
 // Columns of the terminal on standard output, from TIOCGWINSZ, else $COLUMNS;
