@@ -37,7 +37,8 @@ public:
 std::string LibraryErrorText();
 
 // ---------------------------------------------------------------------------
-// Arguments: "--name value", "--name=value", flags and positional arguments.
+// Arguments: "--name value", "--name=value", flags and positional arguments;
+// "-u", "-g" and "-p" stand for --user, --group and --protocol.
 
 struct OptionDesc {
     const char *name;  // without the leading "--"
@@ -58,10 +59,23 @@ private:
     std::vector<std::string> positional_;
 };
 
+// "; did you mean 'X'?" for the candidate closest to a mistyped word, or ""
+// when none is close.
+std::string DidYouMean(const std::string &word, const std::vector<std::string> &candidates,
+                       const std::string &prefix = "");
+
 // Parsers of values; each throws UsageError saying what is wrong.
 uint64_t ParseUnsigned(const std::string &text, const char *what);
-uint64_t ParseRateKBps(const std::string &text, const char *what);   // KB/s, "unlimited" is 0
-uint64_t ParseSizeBytes(const std::string &text);                    // 10M, 512K, 1G, 1000
+// The largest rate stored: 1 TiB/s.  Its bytes per second (2^40) stay far
+// from every overflow of the library's arithmetic: a five-second chunk is
+// below 2^63 bytes, and sums of millions of limits do not wrap.
+constexpr uint64_t kMaxRateKiB = uint64_t{1} << 30;
+// A rate as rsync's and rclone's --bwlimit take it: KiB/s by default (512),
+// a binary unit (512K, 1.5M, 10MiB, 2G), a decimal one (500KB), or bytes
+// (B); "unlimited" and 0 are no limit.  In KiB/s, rounded to a whole one.
+uint64_t ParseRateKiB(const std::string &text, const char *what);
+extern const char kRateHelp[];
+uint64_t ParseSizeBytes(const std::string &text);  // 10M, 512K, 1G, 1000
 int ParseSeconds(const std::string &text, int minimum, int maximum);
 
 // ---------------------------------------------------------------------------
@@ -77,10 +91,10 @@ Owner ResolveUser(const std::string &text);   // a user name or uid
 Owner ResolveGroup(const std::string &text);  // a group name or gid
 // The owner named by --user or --group; exactly one of them is required.
 Owner OwnerFromArgs(const Args &args);
-std::string OwnerLabel(const Owner &owner);   // "user alice", "group users"
+std::string OwnerLabel(const Owner &owner);           // "user alice", "group users"
 std::string AccountName(int ownerType, unsigned id);  // the name, or the number when unknown
 
-// A protocol name (add-on names included); "all" only where allowAll.
+// A protocol name (built-in ones in any case, add-on names); "all" only where allowAll.
 int ParseProtocol(const std::string &text, bool allowAll);
 std::string ProtocolName(int protocol);
 // The protocols to list when no --protocol is given: the four built-in ones.
@@ -90,9 +104,14 @@ std::vector<int> BuiltInProtocols();
 int ParseDirection(const std::string &text, bool allowBoth);
 std::string DirectionName(int direction);
 
-// A name of one of the record tables (states and policies), matched exactly.
+// A name of one of the record tables (states and policies), in any case.
 int ParseEnumName(const VESK_BW_ENUM_ENTRY *table, const std::string &text, const char *what);
 std::string EnumName(const VESK_BW_ENUM_ENTRY *table, int value);
+// The names of a table, "a, b, c".
+std::string TableNames(const VESK_BW_ENUM_ENTRY *table);
+
+// How running transfers of a protocol take up a change of its limits.
+std::string PickupHint(int protocol);
 
 // ---------------------------------------------------------------------------
 // Processes and signals.
@@ -105,10 +124,19 @@ void CatchStopSignals();
 bool StopRequested();
 // Sleeps up to `ms` milliseconds; returns early when a stop was requested.
 void SleepUnlessStopped(int ms);
-// SIGHUP to every process named veskbandwidth but this one: the number signalled.
-int SignalSimulators();
+// SIGHUP to every other process named veskbandwidth that shares this one's
+// mount namespace (and so its /tmp/bandwidth): the pids reached.
+std::vector<pid_t> SignalSimulators();
+// The web file manager's transfer workers that the library's hangup reaches.
+std::vector<pid_t> LanternpostWorkers();
+// The processes of a process group.
+std::vector<pid_t> ProcessGroupMembers(pid_t group);
+bool ProcessExists(pid_t pid);
+std::string PidList(const std::vector<pid_t> &pids);  // "12, 345"
 bool IsTerminal(int fd);
 int64_t NowUs();
+// Writes all of the bytes, resuming after signals; false (errno set) on an error.
+bool WriteAll(int fd, const char *data, size_t size);
 
 // Runs a library call whose helper programs may write to stderr (the
 // simulator hangup runs killall) with stderr sent to /dev/null.
@@ -132,20 +160,37 @@ struct TransferRequest {
     int direction;  // VESK_BW_TRANSFER_UPLOAD or VESK_BW_TRANSFER_DOWNLOAD
 };
 
-// Starts VESKBandwidthSimulate in a child process: it is named veskbandwidth
-// like this one, so the simulator hangup reaches it.  Throws when it cannot fork.
-pid_t StartSimulator(const TransferRequest &desc, size_t kibibytes);
-// The child's entry in its user's status file; false while it is not listed
-// (before its first save, or when its transfer is not limited).
-bool ReadSimulatorStatus(const TransferRequest &desc, pid_t pid, VESK_BANDWIDTH_STATUS *status);
-// Ends the child and removes its entries from the user's and groups' files.
-void StopSimulator(const TransferRequest &desc, pid_t pid);
+// VESKBandwidthSimulate in a child process, which is named veskbandwidth like
+// this one, so the simulator hangup reaches it.  Destroying a simulation
+// that still runs ends it and removes its entries.
+class Simulation {
+public:
+    Simulation(const TransferRequest &request, size_t kibibytes);  // throws when it cannot fork
+    ~Simulation();
+    Simulation(const Simulation &) = delete;
+    Simulation &operator=(const Simulation &) = delete;
+
+    pid_t Pid() const { return pid_; }
+    // The child's entry in its user's status file; false while it is not
+    // listed (before its first save, or when its transfer is not limited).
+    bool ReadStatus(VESK_BANDWIDTH_STATUS *status) const;
+    // Whether the child has ended; `failure` then holds why it failed, or "".
+    bool Ended(std::string *failure);
+    // Ends the child and removes its entries from the user's and groups' files.
+    void Stop();
+
+private:
+    TransferRequest request_;
+    pid_t pid_ = -1;
+    int messages_ = -1;  // the read end of the pipe on which the child says why it failed
+};
 
 // ---------------------------------------------------------------------------
 // Commands: each takes the arguments after its own name and returns the exit status.
 
 int RunLimitSet(int argc, char **argv);
 int RunLimitShow(int argc, char **argv);
+int RunLimitRemove(int argc, char **argv);
 int RunGlobalSet(int argc, char **argv);
 int RunGlobalShow(int argc, char **argv);
 int RunStatus(int argc, char **argv);

@@ -1,11 +1,12 @@
-// limit set|show and global set|show: the configured limits of users and
-// groups, and the global settings of each protocol.
-#include <cstddef>
+// limit set|show|remove and global set|show: the configured limits of users
+// and groups, and the global settings of each protocol.
 #include <cstring>
 #include <iostream>
 #include <optional>
 
 #include "cli.h"
+#include "conf_check.h"
+#include "limits.h"
 #include "schedule.h"
 #include "table.h"
 #include "vesk_file.h"
@@ -13,46 +14,16 @@
 namespace cli {
 namespace {
 
-static_assert(offsetof(VESK_BANDWIDTH_LIMIT, szSchedulePlan) == offsetof(VESK_BANDWIDTH_CONF, szSchedulePlan),
-              "a limit record begins with a VESK_BANDWIDTH_CONF");
-
-// ---------------------------------------------------------------------------
-// Resolving records for the present hour, through the library's own rules.
-
-VESK_BANDWIDTH_LIMIT LimitNow(const VESK_BANDWIDTH_CONF &conf)
-{
-    VESK_BANDWIDTH_LIMIT limit = {};
-    std::memcpy(&limit, &conf, sizeof conf);
-    VESK_BANDWIDTH_CONFIG config = {};
-    config.iLimitCount = 1;
-    config.pLimit = &limit;
-    VESKBandwidthInitConfig(&config, 0);
-    return limit;
-}
-
-int GlobalStateNow(const VESK_BANDWIDTH_GLOBAL_CONF &global)
-{
-    VESK_BANDWIDTH_CONFIG config = {};
-    config.globalConf = global;
-    VESKBandwidthInitConfig(&config, 0);
-    return config.globalConf.iCurState;
-}
+const char *const kRateOptions[] = {"up", "down", "custom-up", "custom-down"};
+const char kInvalidNote[] = "INVALID: see the errors above";
 
 std::string LimitNowText(const VESK_BANDWIDTH_LIMIT &now)
 {
     if (now.iCurState != VESK_BW_STATE_ENABLED) {
         return "no limit";
     }
-    return "up " + RateText(now.ullCurRate[VESK_BW_TRANSFER_UPLOAD]) + ", down " +
-           RateText(now.ullCurRate[VESK_BW_TRANSFER_DOWNLOAD]);
-}
-
-std::string GlobalNowText(const VESK_BANDWIDTH_GLOBAL_CONF &global)
-{
-    if (global.iState == VESK_BW_STATE_NOTEXISTED) {
-        return "off (not configured)";
-    }
-    return GlobalStateNow(global) == VESK_BW_STATE_ENABLED ? "on" : "off";
+    return "up " + KiBRateText(now.ullCurRate[VESK_BW_TRANSFER_UPLOAD]) + ", down " +
+           KiBRateText(now.ullCurRate[VESK_BW_TRANSFER_DOWNLOAD]);
 }
 
 bool ShowsGrid(int state, const char *plan)
@@ -66,119 +37,105 @@ void StorePlan(char (&field)[VESK_BW_SCHEDULE_PLAN_SIZE], const std::string &pla
     std::memcpy(field, plan.data(), plan.size());
 }
 
+// A configured rate in bytes/s, or null when it is past the largest rate
+// (its bytes per second may not even fit 64 bits).
+void RateField(JsonWriter &json, const std::string &key, uint64_t kib)
+{
+    json.Key(key);
+    if (kib > kMaxRateKiB) {
+        json.Null();
+    } else {
+        json.Number(kib * 1024);
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Limits.
 
-struct LimitEntry {
-    Owner owner;
-    VESK_BANDWIDTH_CONF conf;
+struct ShownLimit {
+    LimitEntry entry;
+    Limiting limiting;  // of the limit's protocol
+    bool valid;
 };
 
-VESK_BANDWIDTH_CONF ReadLimit(const Owner &owner, int protocol)
+std::string NoteOf(const ShownLimit &shown)
 {
-    VESK_BANDWIDTH_CONF conf = {};
-    if (VESKBandwidthConfGetByID(owner.type, owner.id, protocol, &conf) != 0) {
-        FailLibrary("cannot read the " + ProtocolName(protocol) + " limit of " + OwnerLabel(owner));
+    if (!shown.valid) {
+        return kInvalidNote;
     }
-    return conf;
+    return shown.limiting.on ? "" : "not applied: " + shown.limiting.why;
 }
 
-// The owners that have a section in a protocol's limit file.
-std::vector<Owner> OwnersWithLimits(int protocol)
-{
-    std::vector<Owner> owners;
-    char path[4096];
-    if (VESKBandwidthConfPath(protocol, path, sizeof path) != 0) {
-        FailLibrary("no limit file for protocol " + ProtocolName(protocol));
-    }
-    if (VLIBCFileExist(path) <= 0) {
-        return owners;
-    }
-    VLIBC_SZLIST *sections = nullptr;
-    int count = VLIBCFileEnumSection(path, &sections);
-    for (int i = 0; i < count; ++i) {
-        const char *section = VLIBCSzListGet(sections, i);
-        std::string name = section != nullptr ? section : "";
-        size_t dash = name.find('-');
-        std::string kind = name.substr(0, dash);
-        std::string id = dash == std::string::npos ? "" : name.substr(dash + 1);
-        bool numeric = !id.empty() && id.size() <= 10 && id.find_first_not_of("0123456789") == std::string::npos;
-        if ((kind == "user" || kind == "group") && numeric) {
-            int type = kind == "user" ? VESK_BW_OWNER_USER : VESK_BW_OWNER_GROUP;
-            unsigned number = static_cast<unsigned>(std::stoul(id));
-            owners.push_back(Owner{type, number, AccountName(type, number)});
-        }
-    }
-    VLIBCSzListFree(sections);
-    if (count < 0) {
-        FailLibrary(std::string("cannot read ") + path);
-    }
-    return owners;
-}
-
-void PrintLimitTable(const std::vector<LimitEntry> &entries)
+void PrintLimitTable(const std::vector<ShownLimit> &limits)
 {
     Table table({{"OWNER", false},
                  {"PROTOCOL", false},
                  {"STATE", false},
-                 {"UP KB/s", true},
-                 {"DOWN KB/s", true},
+                 {"UP", true},
+                 {"DOWN", true},
                  {"CUSTOM UP", true},
                  {"CUSTOM DOWN", true},
-                 {"IN FORCE NOW (KB/s)", false}});
-    for (const LimitEntry &e : entries) {
-        const VESK_BANDWIDTH_CONF &c = e.conf;
-        table.AddRow({OwnerLabel(e.owner), ProtocolName(c.iProtocol), EnumName(VESK_BW_LIMIT_STATE_NAMES, c.iState),
-                      RateText(c.ullRate[VESK_BW_TRANSFER_UPLOAD]), RateText(c.ullRate[VESK_BW_TRANSFER_DOWNLOAD]),
-                      RateText(c.ullCustomRate[VESK_BW_TRANSFER_UPLOAD]),
-                      RateText(c.ullCustomRate[VESK_BW_TRANSFER_DOWNLOAD]), LimitNowText(LimitNow(c))});
+                 {"IN FORCE NOW", false},
+                 {"NOTE", false}});
+    for (const ShownLimit &shown : limits) {
+        const VESK_BANDWIDTH_CONF &c = shown.entry.conf;
+        table.AddRow(
+            {OwnerLabel(shown.entry.owner), ProtocolName(c.iProtocol), EnumName(VESK_BW_LIMIT_STATE_NAMES, c.iState),
+             KiBRateText(c.ullRate[VESK_BW_TRANSFER_UPLOAD]), KiBRateText(c.ullRate[VESK_BW_TRANSFER_DOWNLOAD]),
+             KiBRateText(c.ullCustomRate[VESK_BW_TRANSFER_UPLOAD]),
+             KiBRateText(c.ullCustomRate[VESK_BW_TRANSFER_DOWNLOAD]), LimitNowText(LimitNow(c)), NoteOf(shown)});
     }
     table.Print(std::cout);
-    for (const LimitEntry &e : entries) {
-        if (ShowsGrid(e.conf.iState, e.conf.szSchedulePlan)) {
-            std::cout << "\nSchedule of " << OwnerLabel(e.owner) << " for " << ProtocolName(e.conf.iProtocol)
-                      << ":\n";
-            PrintWeekGrid(std::cout, e.conf.szSchedulePlan, PlanKind::Limit);
+    for (const ShownLimit &shown : limits) {
+        const VESK_BANDWIDTH_CONF &c = shown.entry.conf;
+        if (ShowsGrid(c.iState, c.szSchedulePlan)) {
+            std::cout << "\nSchedule of " << Printable(OwnerLabel(shown.entry.owner)) << " for "
+                      << Printable(ProtocolName(c.iProtocol)) << ":\n";
+            PrintWeekGrid(std::cout, c.szSchedulePlan, PlanKind::Limit);
         }
     }
 }
 
-void PrintLimitJson(const std::vector<LimitEntry> &entries)
+void PrintLimitJson(const std::vector<ShownLimit> &limits)
 {
     JsonWriter json(std::cout);
     json.BeginObject().Key("limits").BeginArray();
-    for (const LimitEntry &e : entries) {
-        const VESK_BANDWIDTH_CONF &c = e.conf;
+    for (const ShownLimit &shown : limits) {
+        const VESK_BANDWIDTH_CONF &c = shown.entry.conf;
         VESK_BANDWIDTH_LIMIT now = LimitNow(c);
         json.BeginObject()
-            .Field("owner_type", EnumName(VESK_BW_OWNER_TYPE_NAMES, e.owner.type))
-            .Field("owner", e.owner.name)
-            .Field("id", static_cast<uint64_t>(e.owner.id))
+            .Field("owner_type", EnumName(VESK_BW_OWNER_TYPE_NAMES, shown.entry.owner.type))
+            .Field("owner", shown.entry.owner.name)
+            .Field("id", static_cast<uint64_t>(shown.entry.owner.id))
             .Field("protocol", ProtocolName(c.iProtocol))
-            .Field("state", EnumName(VESK_BW_LIMIT_STATE_NAMES, c.iState))
-            .Field("upload_rate", static_cast<uint64_t>(c.ullRate[VESK_BW_TRANSFER_UPLOAD]))
-            .Field("download_rate", static_cast<uint64_t>(c.ullRate[VESK_BW_TRANSFER_DOWNLOAD]))
-            .Field("upload_rate_custom", static_cast<uint64_t>(c.ullCustomRate[VESK_BW_TRANSFER_UPLOAD]))
-            .Field("download_rate_custom", static_cast<uint64_t>(c.ullCustomRate[VESK_BW_TRANSFER_DOWNLOAD]))
-            .Field("schedule_plan", std::string(c.szSchedulePlan))
+            .Field("state", EnumName(VESK_BW_LIMIT_STATE_NAMES, c.iState));
+        RateField(json, "upload_rate_bytes_s", c.ullRate[VESK_BW_TRANSFER_UPLOAD]);
+        RateField(json, "download_rate_bytes_s", c.ullRate[VESK_BW_TRANSFER_DOWNLOAD]);
+        RateField(json, "upload_rate_custom_bytes_s", c.ullCustomRate[VESK_BW_TRANSFER_UPLOAD]);
+        RateField(json, "download_rate_custom_bytes_s", c.ullCustomRate[VESK_BW_TRANSFER_DOWNLOAD]);
+        json.Field("schedule_plan", std::string(c.szSchedulePlan))
+            .Field("valid", shown.valid)
+            .Field("applied", shown.limiting.on)
+            .Field("note", NoteOf(shown))
             .Key("now")
             .BeginObject()
-            .Key("limited").Bool(now.iCurState == VESK_BW_STATE_ENABLED)
-            .Field("upload_rate", static_cast<uint64_t>(now.ullCurRate[VESK_BW_TRANSFER_UPLOAD]))
-            .Field("download_rate", static_cast<uint64_t>(now.ullCurRate[VESK_BW_TRANSFER_DOWNLOAD]))
-            .EndObject()
-            .EndObject();
+            .Field("limited", now.iCurState == VESK_BW_STATE_ENABLED);
+        RateField(json, "upload_bytes_s", now.ullCurRate[VESK_BW_TRANSFER_UPLOAD]);
+        RateField(json, "download_bytes_s", now.ullCurRate[VESK_BW_TRANSFER_DOWNLOAD]);
+        json.EndObject().EndObject();
     }
     json.EndArray().EndObject();
 }
 
-void DumpLimits(const std::vector<LimitEntry> &entries)
+void DumpLimits(const std::vector<ShownLimit> &limits)
 {
-    VESKBandwidthConfDumpHeader(stdout);
-    for (const LimitEntry &e : entries) {
-        VESK_BANDWIDTH_LIMIT now = LimitNow(e.conf);
-        if (VESKBandwidthConfDump(stdout, reinterpret_cast<const VESK_BANDWIDTH_CONF *>(&now)) != 0) {
-            FailLibrary("cannot print the limit of " + OwnerLabel(e.owner));
+    PrintDump(std::cout, VESKBandwidthConfDumpHeader);
+    for (const ShownLimit &shown : limits) {
+        VESK_BANDWIDTH_LIMIT now = LimitNow(shown.entry.conf);
+        if (!PrintDump(std::cout, [&now](FILE *out) {
+                return VESKBandwidthConfDump(out, reinterpret_cast<const VESK_BANDWIDTH_CONF *>(&now));
+            })) {
+            Warn("cannot print the limit of " + OwnerLabel(shown.entry.owner) + " (" + LibraryErrorText() + ")");
         }
     }
 }
@@ -186,39 +143,40 @@ void DumpLimits(const std::vector<LimitEntry> &entries)
 // ---------------------------------------------------------------------------
 // Global settings.
 
-VESK_BANDWIDTH_GLOBAL_CONF ReadGlobal(int protocol)
+std::string GlobalNowText(const VESK_BANDWIDTH_GLOBAL_CONF &global)
 {
-    VESK_BANDWIDTH_GLOBAL_CONF global = {};
-    if (VESKBandwidthGlobalConfGet(protocol, &global) != 0) {
-        FailLibrary("cannot read the global settings of " + ProtocolName(protocol));
+    if (global.iState == VESK_BW_STATE_NOTEXISTED) {
+        return "off (never turned on)";
     }
-    return global;
+    return LimitingNow(global).on ? "on" : "off";
 }
 
-void PrintGlobalTable(const std::vector<VESK_BANDWIDTH_GLOBAL_CONF> &globals)
+void PrintGlobalTable(const std::vector<VESK_BANDWIDTH_GLOBAL_CONF> &globals, const std::vector<ConfProblem> &problems)
 {
     Table table({{"PROTOCOL", false},
                  {"STATE", false},
                  {"LIMITING NOW", false},
                  {"USER-GROUP POLICY", false},
                  {"INTER-GROUP POLICY", false},
-                 {"OCCUPY POLICY", false}});
+                 {"OCCUPY POLICY", false},
+                 {"NOTE", false}});
     for (const VESK_BANDWIDTH_GLOBAL_CONF &g : globals) {
         table.AddRow({ProtocolName(g.iProtocol), EnumName(VESK_BW_LIMIT_STATE_NAMES, g.iState), GlobalNowText(g),
                       EnumName(VESK_BW_USER_GROUP_POLICY_NAMES, g.iUserGroupPolicy),
                       EnumName(VESK_BW_INTER_GROUP_POLICY_NAMES, g.iInterGroupPolicy),
-                      EnumName(VESK_BW_OCCUPY_POLICY_NAMES, g.iOccupyPolicy)});
+                      EnumName(VESK_BW_OCCUPY_POLICY_NAMES, g.iOccupyPolicy),
+                      HasProblemIn(problems, ProtocolName(g.iProtocol)) ? kInvalidNote : ""});
     }
     table.Print(std::cout);
     for (const VESK_BANDWIDTH_GLOBAL_CONF &g : globals) {
         if (ShowsGrid(g.iState, g.szSchedulePlan)) {
-            std::cout << "\nGlobal schedule of " << ProtocolName(g.iProtocol) << ":\n";
+            std::cout << "\nGlobal schedule of " << Printable(ProtocolName(g.iProtocol)) << ":\n";
             PrintWeekGrid(std::cout, g.szSchedulePlan, PlanKind::Global);
         }
     }
 }
 
-void PrintGlobalJson(const std::vector<VESK_BANDWIDTH_GLOBAL_CONF> &globals)
+void PrintGlobalJson(const std::vector<VESK_BANDWIDTH_GLOBAL_CONF> &globals, const std::vector<ConfProblem> &problems)
 {
     JsonWriter json(std::cout);
     json.BeginObject().Key("globals").BeginArray();
@@ -226,11 +184,12 @@ void PrintGlobalJson(const std::vector<VESK_BANDWIDTH_GLOBAL_CONF> &globals)
         json.BeginObject()
             .Field("protocol", ProtocolName(g.iProtocol))
             .Field("state", EnumName(VESK_BW_LIMIT_STATE_NAMES, g.iState))
-            .Key("limiting_now").Bool(g.iState != VESK_BW_STATE_NOTEXISTED && GlobalStateNow(g) == VESK_BW_STATE_ENABLED)
+            .Field("limiting_now", LimitingNow(g).on)
             .Field("user_group_policy", EnumName(VESK_BW_USER_GROUP_POLICY_NAMES, g.iUserGroupPolicy))
             .Field("inter_group_policy", EnumName(VESK_BW_INTER_GROUP_POLICY_NAMES, g.iInterGroupPolicy))
             .Field("occupy_policy", EnumName(VESK_BW_OCCUPY_POLICY_NAMES, g.iOccupyPolicy))
             .Field("schedule_plan", std::string(g.szSchedulePlan))
+            .Field("valid", !HasProblemIn(problems, ProtocolName(g.iProtocol)))
             .EndObject();
     }
     json.EndArray().EndObject();
@@ -238,10 +197,10 @@ void PrintGlobalJson(const std::vector<VESK_BANDWIDTH_GLOBAL_CONF> &globals)
 
 void DumpGlobals(const std::vector<VESK_BANDWIDTH_GLOBAL_CONF> &globals)
 {
-    VESKBandwidthGlobalConfDumpHeader(stdout);
+    PrintDump(std::cout, VESKBandwidthGlobalConfDumpHeader);
     for (const VESK_BANDWIDTH_GLOBAL_CONF &g : globals) {
-        if (VESKBandwidthGlobalConfDump(stdout, &g) != 0) {
-            FailLibrary("cannot print the global settings of " + ProtocolName(g.iProtocol));
+        if (!PrintDump(std::cout, [&g](FILE *out) { return VESKBandwidthGlobalConfDump(out, &g); })) {
+            Warn("cannot print the global settings of " + ProtocolName(g.iProtocol) + " (" + LibraryErrorText() + ")");
         }
     }
 }
@@ -264,7 +223,7 @@ std::optional<uint64_t> OptionalRate(const Args &args, const char *name)
     if (!args.Has(name)) {
         return std::nullopt;
     }
-    return ParseRateKBps(args.Get(name), (std::string("--") + name).c_str());
+    return ParseRateKiB(args.Get(name), (std::string("--") + name).c_str());
 }
 
 std::optional<std::string> OptionalPlan(const Args &args, PlanKind kind)
@@ -275,8 +234,8 @@ std::optional<std::string> OptionalPlan(const Args &args, PlanKind kind)
     return ParseSchedule(args.Get("schedule"), kind);
 }
 
-template <typename T> std::optional<T> OptionalEnum(const Args &args, const char *name,
-                                                   const VESK_BW_ENUM_ENTRY *table, const char *what)
+template <typename T>
+std::optional<T> OptionalEnum(const Args &args, const char *name, const VESK_BW_ENUM_ENTRY *table, const char *what)
 {
     if (!args.Has(name)) {
         return std::nullopt;
@@ -284,27 +243,74 @@ template <typename T> std::optional<T> OptionalEnum(const Args &args, const char
     return static_cast<T>(ParseEnumName(table, args.Get(name), what));
 }
 
+// The keys of a stored record whose values a change keeps: those that no
+// given option sets (a schedule sets the state too).
+std::vector<std::string> KeptKeys(const Args &args,
+                                  const std::vector<std::pair<const char *, const char *>> &optionKeys)
+{
+    std::vector<std::string> kept;
+    for (const auto &[option, key] : optionKeys) {
+        bool set = args.Has(option) || (std::strcmp(key, "state") == 0 && args.Has("schedule"));
+        if (!set) {
+            kept.push_back(key);
+        }
+    }
+    return kept;
+}
+
+void WarnNotApplied(const VESK_BANDWIDTH_GLOBAL_CONF &global, const Limiting &limiting)
+{
+    std::string name = ProtocolName(global.iProtocol);
+    Warn(limiting.why + ", so this limit does nothing now; " +
+         (global.iState == VESK_BW_STATE_SCHEDULE
+              ? "see when it is on: veskbandwidth global show --protocol " + name
+              : "turn limiting on: veskbandwidth global set --protocol " + name + " --state enabled"));
+}
+
 }  // namespace
 
 int RunLimitSet(int argc, char **argv)
 {
-    Args args(argc, argv, {{"user", true}, {"group", true}, {"protocol", true}, {"state", true}, {"up", true},
-                           {"down", true}, {"custom-up", true}, {"custom-down", true}, {"schedule", true}});
+    Args args(argc, argv,
+              {{"user", true},
+               {"group", true},
+               {"protocol", true},
+               {"state", true},
+               {"up", true},
+               {"down", true},
+               {"custom-up", true},
+               {"custom-down", true},
+               {"schedule", true}});
     args.ExpectPositional(0, "");
     // Every argument is checked before anything is read or stored.
     Owner owner = OwnerFromArgs(args);
     int protocol = RequiredProtocol(args);
     auto state = OptionalEnum<VESK_BW_LIMIT_STATE>(args, "state", VESK_BW_LIMIT_STATE_NAMES, "state");
-    auto up = OptionalRate(args, "up");
-    auto down = OptionalRate(args, "down");
-    auto customUp = OptionalRate(args, "custom-up");
-    auto customDown = OptionalRate(args, "custom-down");
+    std::optional<uint64_t> rates[4];
+    for (int i = 0; i < 4; ++i) {
+        rates[i] = OptionalRate(args, kRateOptions[i]);
+    }
     auto plan = OptionalPlan(args, PlanKind::Limit);
-    if (!state && !up && !down && !customUp && !customDown && !plan) {
+    if (!state && !rates[0] && !rates[1] && !rates[2] && !rates[3] && !plan) {
         throw UsageError("nothing to set: give --state, --up, --down, --custom-up, --custom-down or --schedule");
     }
+    RefuseToChange(CheckLimitFile(protocol), SectionName(owner),
+                   KeptKeys(args, {{"state", "state"},
+                                   {kRateOptions[0], kLimitRateKeys[0]},
+                                   {kRateOptions[1], kLimitRateKeys[1]},
+                                   {kRateOptions[2], kLimitRateKeys[2]},
+                                   {kRateOptions[3], kLimitRateKeys[3]},
+                                   {"schedule", "schedule plan"}}));
 
-    VESK_BANDWIDTH_CONF conf = ReadLimit(owner, protocol);
+    VESK_BANDWIDTH_CONF conf = {};
+    try {
+        conf = ReadLimit(owner, protocol);
+    } catch (const Error &error) {
+        throw Error(error.what() + std::string("; 'veskbandwidth limit remove' deletes the record"), 1);
+    }
+    conf.id = owner.id;  // whatever the stored keys said, the record is this owner's
+    conf.iOwnerType = static_cast<VESK_BW_OWNER_TYPE>(owner.type);
+    conf.iProtocol = static_cast<VESK_BW_PROTOCOL_TYPE>(protocol);
     if (state) {
         conf.iState = *state;
     } else if (plan) {
@@ -312,19 +318,25 @@ int RunLimitSet(int argc, char **argv)
     } else if (conf.iState == VESK_BW_STATE_NOTEXISTED) {
         conf.iState = VESK_BW_STATE_ENABLED;
     }
-    conf.ullRate[VESK_BW_TRANSFER_UPLOAD] = up.value_or(conf.ullRate[VESK_BW_TRANSFER_UPLOAD]);
-    conf.ullRate[VESK_BW_TRANSFER_DOWNLOAD] = down.value_or(conf.ullRate[VESK_BW_TRANSFER_DOWNLOAD]);
-    conf.ullCustomRate[VESK_BW_TRANSFER_UPLOAD] = customUp.value_or(conf.ullCustomRate[VESK_BW_TRANSFER_UPLOAD]);
-    conf.ullCustomRate[VESK_BW_TRANSFER_DOWNLOAD] =
-        customDown.value_or(conf.ullCustomRate[VESK_BW_TRANSFER_DOWNLOAD]);
+    uint64_t *fields[4] = {&conf.ullRate[VESK_BW_TRANSFER_UPLOAD], &conf.ullRate[VESK_BW_TRANSFER_DOWNLOAD],
+                           &conf.ullCustomRate[VESK_BW_TRANSFER_UPLOAD],
+                           &conf.ullCustomRate[VESK_BW_TRANSFER_DOWNLOAD]};
+    for (int i = 0; i < 4; ++i) {
+        *fields[i] = rates[i].value_or(*fields[i]);
+    }
     if (plan) {
         StorePlan(conf.szSchedulePlan, *plan);
     }
     if (VESKBandwidthConfSetByID(&conf) != 0) {
         FailLibrary("cannot store the " + ProtocolName(protocol) + " limit of " + OwnerLabel(owner));
     }
-    std::cout << "Stored. Running transfers take it up at their next reload (veskbandwidth reload ...).\n";
-    PrintLimitTable({{owner, conf}});
+    VESK_BANDWIDTH_GLOBAL_CONF global = ReadGlobal(protocol);
+    Limiting limiting = LimitingNow(global);
+    PrintLimitTable({{{owner, conf}, limiting, true}});
+    if (!limiting.on) {
+        WarnNotApplied(global, limiting);
+    }
+    std::cout << PickupHint(protocol) << '\n';
     return 0;
 }
 
@@ -332,47 +344,91 @@ int RunLimitShow(int argc, char **argv)
 {
     Args args(argc, argv, {{"user", true}, {"group", true}, {"protocol", true}, {"json", false}, {"dump", false}});
     args.ExpectPositional(0, "");
-    bool oneOwner = args.Has("user") || args.Has("group");
     std::optional<Owner> owner;
-    if (oneOwner) {
+    if (args.Has("user") || args.Has("group")) {
         owner = OwnerFromArgs(args);
     }
-    std::vector<LimitEntry> entries;
+    std::vector<ConfProblem> problems = CheckGlobalFile();
+    std::vector<ShownLimit> limits;
+    std::vector<std::string> unreadable;  // records the library cannot read at all
     for (int protocol : ProtocolsFromArgs(args)) {
+        std::vector<ConfProblem> fileProblems = CheckLimitFile(protocol);
+        problems.insert(problems.end(), fileProblems.begin(), fileProblems.end());
+        Limiting limiting = LimitingNow(ReadGlobal(protocol));
         for (const Owner &o : owner ? std::vector<Owner>{*owner} : OwnersWithLimits(protocol)) {
-            entries.push_back({o, ReadLimit(o, protocol)});
+            try {
+                limits.push_back({{o, ReadLimit(o, protocol)}, limiting, !HasProblemIn(fileProblems, SectionName(o))});
+            } catch (const Error &error) {
+                unreadable.push_back(error.what());
+            }
         }
     }
+    ReportProblems(problems);
+    for (const std::string &message : unreadable) {
+        std::cerr << "veskbandwidth: " << Printable(message) << '\n';
+    }
     if (args.Has("json")) {
-        PrintLimitJson(entries);
+        PrintLimitJson(limits);
     } else if (args.Has("dump")) {
-        DumpLimits(entries);
-    } else if (entries.empty()) {
+        DumpLimits(limits);
+    } else if (limits.empty()) {
         std::cout << "No limits are configured.\n";
     } else {
-        PrintLimitTable(entries);
+        PrintLimitTable(limits);
     }
+    return problems.empty() && unreadable.empty() ? 0 : 1;
+}
+
+int RunLimitRemove(int argc, char **argv)
+{
+    Args args(argc, argv, {{"user", true}, {"group", true}, {"protocol", true}});
+    args.ExpectPositional(0, "");
+    Owner owner = OwnerFromArgs(args);
+    int protocol = RequiredProtocol(args);
+    RefuseToChange(CheckLimitFile(protocol), SectionName(owner), {});
+    std::string path = LimitFilePath(protocol);
+    int removed =
+        VLIBCFileExist(path.c_str()) > 0 ? VLIBCFileRemoveSection(path.c_str(), SectionName(owner).c_str()) : 0;
+    if (removed < 0) {
+        FailLibrary("cannot remove the " + ProtocolName(protocol) + " limit of " + OwnerLabel(owner));
+    }
+    if (removed == 0) {
+        throw Error(OwnerLabel(owner) + " has no " + ProtocolName(protocol) + " limit", 1);
+    }
+    std::cout << Printable("Removed the " + ProtocolName(protocol) + " limit of " + OwnerLabel(owner) + ".") << '\n'
+              << PickupHint(protocol) << '\n';
     return 0;
 }
 
 int RunGlobalSet(int argc, char **argv)
 {
-    Args args(argc, argv, {{"protocol", true}, {"state", true}, {"user-group-policy", true},
-                           {"inter-group-policy", true}, {"occupy-policy", true}, {"schedule", true}});
+    Args args(argc, argv,
+              {{"protocol", true},
+               {"state", true},
+               {"user-group-policy", true},
+               {"inter-group-policy", true},
+               {"occupy-policy", true},
+               {"schedule", true}});
     args.ExpectPositional(0, "");
     int protocol = RequiredProtocol(args);
     auto state = OptionalEnum<VESK_BW_LIMIT_STATE>(args, "state", VESK_BW_LIMIT_STATE_NAMES, "state");
     auto userGroup = OptionalEnum<VESK_BW_GROUP_POLICY>(args, "user-group-policy", VESK_BW_USER_GROUP_POLICY_NAMES,
                                                         "user-group policy");
-    auto interGroup = OptionalEnum<VESK_BW_GROUP_POLICY>(args, "inter-group-policy",
-                                                         VESK_BW_INTER_GROUP_POLICY_NAMES, "inter-group policy");
-    auto occupy = OptionalEnum<VESK_BW_OCCUPY_POLICY>(args, "occupy-policy", VESK_BW_OCCUPY_POLICY_NAMES,
-                                                      "occupy policy");
+    auto interGroup = OptionalEnum<VESK_BW_GROUP_POLICY>(args, "inter-group-policy", VESK_BW_INTER_GROUP_POLICY_NAMES,
+                                                         "inter-group policy");
+    auto occupy =
+        OptionalEnum<VESK_BW_OCCUPY_POLICY>(args, "occupy-policy", VESK_BW_OCCUPY_POLICY_NAMES, "occupy policy");
     auto plan = OptionalPlan(args, PlanKind::Global);
     if (!state && !userGroup && !interGroup && !occupy && !plan) {
         throw UsageError("nothing to set: give --state, --user-group-policy, --inter-group-policy, "
                          "--occupy-policy or --schedule");
     }
+    RefuseToChange(CheckGlobalFile(), ProtocolName(protocol),
+                   KeptKeys(args, {{"state", "state"},
+                                   {"user-group-policy", "user-group policy"},
+                                   {"inter-group-policy", "inter-group policy"},
+                                   {"occupy-policy", "occupy policy"},
+                                   {"schedule", "schedule plan"}}));
 
     VESK_BANDWIDTH_GLOBAL_CONF global = ReadGlobal(protocol);
     if (state) {
@@ -394,10 +450,11 @@ int RunGlobalSet(int argc, char **argv)
     if (stored != 0) {
         FailLibrary("cannot store the global settings of " + ProtocolName(protocol));
     }
-    int signalled = SignalSimulators();
-    std::cout << "Stored; sent a reload to " << signalled << " simulator process" << (signalled == 1 ? "" : "es")
-              << ".\n";
-    PrintGlobalTable({global});
+    std::vector<pid_t> reached = SignalSimulators();
+    PrintGlobalTable({global}, {});
+    std::cout << "Sent a reload to " << Plural(reached.size(), "simulator process")
+              << (reached.empty() ? "" : " (pid " + PidList(reached) + ")") << ".\n"
+              << PickupHint(protocol) << '\n';
     return 0;
 }
 
@@ -405,18 +462,20 @@ int RunGlobalShow(int argc, char **argv)
 {
     Args args(argc, argv, {{"protocol", true}, {"json", false}, {"dump", false}});
     args.ExpectPositional(0, "");
+    std::vector<ConfProblem> problems = CheckGlobalFile();
     std::vector<VESK_BANDWIDTH_GLOBAL_CONF> globals;
     for (int protocol : ProtocolsFromArgs(args)) {
         globals.push_back(ReadGlobal(protocol));
     }
+    ReportProblems(problems);
     if (args.Has("json")) {
-        PrintGlobalJson(globals);
+        PrintGlobalJson(globals, problems);
     } else if (args.Has("dump")) {
         DumpGlobals(globals);
     } else {
-        PrintGlobalTable(globals);
+        PrintGlobalTable(globals, problems);
     }
-    return 0;
+    return problems.empty() ? 0 : 1;
 }
 
 }  // namespace cli

@@ -1,24 +1,26 @@
 // simulate and copy: a simulated transfer with its progress, and a real copy
-// that drives the library as a reference service does.
+// that drives the library as a reference service does; both can draw a
+// chart of their speed.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <vector>
 
+#include "chart.h"
 #include "cli.h"
-#include "status_view.h"
 #include "table.h"
 
 namespace cli {
 namespace {
+
+constexpr int64_t kChartSampleUs = 200000;  // a point of the chart about every 200 ms
 
 TransferRequest ParseTransferRequest(const Args &args)
 {
@@ -26,7 +28,7 @@ TransferRequest ParseTransferRequest(const Args &args)
         throw UsageError("give --user NAME|UID and --protocol NAME");
     }
     TransferRequest parsed{ResolveUser(args.Get("user")), ParseProtocol(args.Get("protocol"), false),
-                        VESK_BW_TRANSFER_DOWNLOAD};
+                           VESK_BW_TRANSFER_DOWNLOAD};
     if (args.Has("direction")) {
         parsed.direction = ParseDirection(args.Get("direction"), false);
     }
@@ -40,6 +42,20 @@ std::string Mebibytes(uint64_t bytes)
     return text;
 }
 
+double SecondsSince(int64_t startUs)
+{
+    return static_cast<double>(NowUs() - startUs) / 1e6;
+}
+
+// Writes the chart when one was asked for, and says where on `note`.
+void WriteChart(PlotFile &plot, const SpeedChart &chart, std::ostream &note)
+{
+    if (plot.Wanted()) {
+        plot.Write(chart);
+        note << "Chart of the speed: " << Printable(plot.Path()) << '\n';
+    }
+}
+
 // ---------------------------------------------------------------------------
 // simulate: the library's simulator runs in a child process; this process
 // shows its progress from the user's status file.
@@ -51,54 +67,64 @@ std::string ProgressText(bool seen, const VESK_BANDWIDTH_STATUS &s, uint64_t byt
     }
     uint64_t speed = s.current_speed != 0 ? s.current_speed : s.expect_speed;
     double left = static_cast<double>(bytes) * (10000 - std::min<uint32_t>(s.progress, 10000)) / 10000.0;
-    return Percent(s.progress) + "  now " + KBps(s.current_speed) + " KB/s  expected " + LimitKBps(s.expect_speed) +
-           " KB/s  left " + (speed != 0 ? Duration(left / static_cast<double>(speed)) : "?");
+    return Percent(s.progress) + "  now " + RateText(static_cast<double>(s.current_speed)) + "  limit " +
+           RateText(static_cast<double>(s.expect_speed)) + "  left " +
+           (speed != 0 ? Duration(left / static_cast<double>(speed)) : "?");
 }
 
+// The progress bar fills what the terminal leaves beside the text, 10 to 40 columns.
 void DrawBar(bool seen, const VESK_BANDWIDTH_STATUS &s, uint64_t bytes)
 {
-    const int kWidth = 30;
-    int filled = seen ? static_cast<int>(std::min<uint32_t>(s.progress, 10000) * kWidth / 10000) : 0;
-    std::cout << "\r[" << std::string(filled, '#') << std::string(kWidth - filled, '.') << "] "
-              << ProgressText(seen, s, bytes) << "\x1b[K" << std::flush;
+    std::string text = ProgressText(seen, s, bytes);
+    size_t columns = TerminalColumns();
+    size_t width = std::clamp<size_t>(columns > text.size() + 4 ? columns - text.size() - 4 : 10, 10, 40);
+    size_t filled = seen ? std::min<uint32_t>(s.progress, 10000) * width / 10000 : 0;
+    DrawStatusLine("[" + std::string(filled, '#') + std::string(width - filled, '.') + "] " + text);
 }
 
-int WatchSimulation(const TransferRequest &desc, pid_t child, uint64_t bytes)
+int WatchSimulation(Simulation &simulation, const TransferRequest &request, uint64_t bytes, PlotFile &plot,
+                    SpeedChart &chart)
 {
     CatchStopSignals();
     const bool terminal = IsTerminal(STDOUT_FILENO);
     const int64_t start = NowUs();
-    int64_t lastLine = start;
-    for (;;) {
-        int status = 0;
-        if (waitpid(child, &status, WNOHANG) == child) {
-            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-                // A failed simulator leaves its entries behind; it saves no more.
-                VESKBandwidthStatusForceRemoveAllByUserName(desc.user.name.c_str(),
-                                                            static_cast<unsigned>(desc.direction), child);
-                return 1;
+    int64_t lastLine = start, lastSample = start - kChartSampleUs;
+    for (std::string failure;;) {
+        if (simulation.Ended(&failure)) {
+            EndStatusLine();
+            WriteChart(plot, chart, std::cout);
+            if (!failure.empty()) {
+                throw Error(failure, 1);
             }
-            double seconds = std::max(static_cast<double>(NowUs() - start) / 1e6, 1e-3);
-            std::cout << (terminal ? "\n" : "") << "Done: " << Mebibytes(bytes) << " in " << Duration(seconds)
-                      << ", average " << KBps(static_cast<uint64_t>(static_cast<double>(bytes) / seconds))
-                      << " KB/s.\n";
+            double seconds = std::max(SecondsSince(start), 1e-3);
+            std::cout << "Done: " << Mebibytes(bytes) << " in " << Duration(seconds) << ", average "
+                      << RateText(static_cast<double>(bytes) / seconds) << ".\n";
             return 0;
         }
         if (StopRequested()) {
-            StopSimulator(desc, child);
-            std::cout << (terminal ? "\n" : "") << "Interrupted: ended the simulation (pid " << child
-                      << ") and removed its entries.\n";
+            pid_t pid = simulation.Pid();
+            simulation.Stop();
+            EndStatusLine();
+            WriteChart(plot, chart, std::cout);
+            std::cout << "Interrupted: ended the simulation (pid " << pid << ") and removed its entries.\n";
             return 130;
         }
         VESK_BANDWIDTH_STATUS s = {};
-        bool seen = ReadSimulatorStatus(desc, child, &s);
+        bool seen = simulation.ReadStatus(&s);
+        if (seen && NowUs() - lastSample >= kChartSampleUs) {
+            lastSample = NowUs();
+            chart.Add(request.user.name, SpeedChart::Kind::Transfer, SecondsSince(start),
+                      static_cast<double>(s.current_speed));
+            chart.Add("limit of " + request.user.name, SpeedChart::Kind::Limit, SecondsSince(start),
+                      static_cast<double>(s.expect_speed), request.user.name);
+        }
         if (terminal) {
             DrawBar(seen, s, bytes);
         } else if (NowUs() - lastLine >= 1000000) {
             lastLine = NowUs();
             std::cout << ProgressText(seen, s, bytes) << std::endl;
         }
-        SleepUnlessStopped(200);
+        SleepUnlessStopped(100);
     }
 }
 
@@ -175,6 +201,13 @@ public:
             FailLibrary("the throttled transfer failed");
         }
     }
+    // The speed the limits allow now, bytes/s; 0 while it is not limited.
+    uint64_t AllowedSpeed() const
+    {
+        bool limited =
+            config_.globalConf.iState != VESK_BW_STATE_NOTEXISTED && VESKBandwidthConfCheckEnabled(&config_) == 1;
+        return limited ? status_.expect_speed : 0;
+    }
 
 private:
     VESK_BANDWIDTH_CONFIG config_ = {};
@@ -183,125 +216,191 @@ private:
     int direction_;
 };
 
-// A descriptor opened for the copy, closed with its scope unless it is a standard one.
-class Fd {
+// The source of the copy: a file, or standard input for "-".
+class Source {
 public:
-    Fd(const std::string &path, bool output) : path_(path)
+    explicit Source(const std::string &path) : path_(path)
     {
-        if (path == "-") {
-            fd_ = output ? STDOUT_FILENO : STDIN_FILENO;
-            return;
-        }
-        fd_ = output ? open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)
-                     : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd_ < 0) {
+        fd_ = path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd_ < 0 || fstat(fd_, &stat_) != 0) {
             throw Error("cannot open " + path + ": " + std::strerror(errno), 1);
         }
-        owned_ = true;
     }
-    ~Fd()
+    ~Source()
     {
-        if (owned_) {
+        if (fd_ != STDIN_FILENO) {
             close(fd_);
         }
     }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int Get() const { return fd_; }
+    Source(const Source &) = delete;
+    Source &operator=(const Source &) = delete;
+
     const std::string &Path() const { return path_; }
-    uint64_t RegularFileSize() const
+    const struct stat &Stat() const { return stat_; }
+    uint64_t Size() const { return S_ISREG(stat_.st_mode) ? static_cast<uint64_t>(stat_.st_size) : 0; }
+
+    // Reads up to `size` bytes; fewer only at the end of the input or on a stop request.
+    size_t Read(char *buffer, size_t size) const
     {
-        struct stat st;
-        return fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
+        size_t done = 0;
+        while (done < size && !StopRequested()) {
+            ssize_t n = read(fd_, buffer + done, size - done);
+            if (n == 0) {
+                break;
+            }
+            if (n < 0 && errno != EINTR) {
+                throw Error("cannot read " + path_ + ": " + std::strerror(errno), 1);
+            }
+            done += n > 0 ? static_cast<size_t>(n) : 0;
+        }
+        return done;
     }
 
 private:
     std::string path_;
     int fd_ = -1;
-    bool owned_ = false;
+    struct stat stat_ = {};
 };
 
-// Reads up to `size` bytes; fewer only at the end of the input or on a stop request.
-size_t ReadChunk(const Fd &in, char *buffer, size_t size)
+bool SameFile(const struct stat &a, const struct stat &b)
 {
-    size_t done = 0;
-    while (done < size && !StopRequested()) {
-        ssize_t n = read(in.Get(), buffer + done, size - done);
-        if (n == 0) {
-            break;
-        }
-        if (n < 0 && errno != EINTR) {
-            throw Error("cannot read " + in.Path() + ": " + std::strerror(errno), 1);
-        }
-        done += n > 0 ? static_cast<size_t>(n) : 0;
-    }
-    return done;
+    return S_ISREG(a.st_mode) && S_ISREG(b.st_mode) && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-void WriteChunk(const Fd &out, const char *buffer, size_t size)
-{
-    for (size_t done = 0; done < size;) {
-        ssize_t n = write(out.Get(), buffer + done, size - done);
-        if (n < 0 && errno != EINTR) {
-            throw Error("cannot write " + out.Path() + ": " + std::strerror(errno), 1);
+// The destination of the copy: a file, or standard output for "-".  It is
+// opened only once the source has proved readable, never through a symbolic
+// link, and never when it is the source itself (writing would empty it).
+class Destination {
+public:
+    Destination(const std::string &path, const Source &source) : path_(path), source_(source)
+    {
+        struct stat st;
+        bool exists = path == "-" ? fstat(STDOUT_FILENO, &st) == 0 : stat(path.c_str(), &st) == 0;
+        if (exists && SameFile(st, source.Stat())) {
+            throw Error("'" + source.Path() + "' and '" + path + "' are the same file", 1);
         }
-        done += n > 0 ? static_cast<size_t>(n) : 0;
     }
-}
+    ~Destination()
+    {
+        if (fd_ > STDOUT_FILENO) {
+            close(fd_);
+        }
+    }
+    Destination(const Destination &) = delete;
+    Destination &operator=(const Destination &) = delete;
 
-std::string StatusFileName(const Fd &in, const Fd &out, int direction)
+    const std::string &Path() const { return path_; }
+
+    void Write(const char *buffer, size_t size)
+    {
+        Open();
+        if (!WriteAll(fd_, buffer, size)) {
+            throw Error("cannot write " + path_ + ": " + std::strerror(errno), 1);
+        }
+    }
+    void Open()
+    {
+        if (fd_ >= 0) {
+            return;
+        }
+        if (path_ == "-") {
+            fd_ = STDOUT_FILENO;
+            return;
+        }
+        fd_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd_ < 0 && errno == ELOOP) {
+            throw Error(path_ + " is a symbolic link, which copy does not follow: name its target", 1);
+        }
+        struct stat st;
+        if (fd_ < 0 || fstat(fd_, &st) != 0) {
+            throw Error("cannot open " + path_ + ": " + std::strerror(errno), 1);
+        }
+        if (SameFile(st, source_.Stat())) {  // it became the source since it was checked
+            throw Error("'" + source_.Path() + "' and '" + path_ + "' are the same file", 1);
+        }
+        if (S_ISREG(st.st_mode) && ftruncate(fd_, 0) != 0) {
+            throw Error("cannot truncate " + path_ + ": " + std::strerror(errno), 1);
+        }
+    }
+
+private:
+    std::string path_;
+    const Source &source_;
+    int fd_ = -1;
+};
+
+std::string StatusFileName(const Source &in, const Destination &out, int direction)
 {
     // A download sends the source to a client, an upload stores the destination.
-    const Fd &file = direction == VESK_BW_TRANSFER_DOWNLOAD ? in : out;
-    return file.Path() == "-" ? (&file == &in ? "(standard input)" : "(standard output)") : file.Path();
+    if (direction == VESK_BW_TRANSFER_DOWNLOAD) {
+        return in.Path() == "-" ? "(standard input)" : in.Path();
+    }
+    return out.Path() == "-" ? "(standard output)" : out.Path();
 }
 
 }  // namespace
 
 int RunSimulate(int argc, char **argv)
 {
-    Args args(argc, argv, {{"user", true}, {"protocol", true}, {"direction", true}, {"size", true}});
+    Args args(argc, argv, {{"user", true}, {"protocol", true}, {"direction", true}, {"size", true}, {"plot", true}});
     args.ExpectPositional(0, "");
-    TransferRequest a = ParseTransferRequest(args);
+    TransferRequest request = ParseTransferRequest(args);
     if (!args.Has("size")) {
         throw UsageError("missing --size SIZE");
     }
     uint64_t bytes = ParseSizeBytes(args.Get("size"));
     size_t kibibytes = static_cast<size_t>((bytes + 1023) / 1024);  // the simulator counts KiB
-    std::cout << "Simulating a " << Mebibytes(bytes) << " " << DirectionName(a.direction) << " of user "
-              << a.user.name << " on " << ProtocolName(a.protocol) << "." << std::endl;
-    pid_t child = StartSimulator(a, kibibytes);
-    return WatchSimulation(a, child, bytes);
+    PlotFile plot(args.Get("plot"));
+    std::string what = DirectionName(request.direction) + " of " + Mebibytes(bytes) + " by user " + request.user.name +
+                       " on " + ProtocolName(request.protocol);
+    SpeedChart chart("Simulated " + what);
+    std::cout << Printable("Simulating a " + what + ".") << std::endl;
+    Simulation simulation(request, kibibytes);
+    return WatchSimulation(simulation, request, bytes, plot, chart);
 }
 
 int RunCopy(int argc, char **argv)
 {
-    Args args(argc, argv, {{"user", true}, {"protocol", true}, {"direction", true}});
+    Args args(argc, argv, {{"user", true}, {"protocol", true}, {"direction", true}, {"plot", true}});
     args.ExpectPositional(2, "SRC and DST (a file, or - for standard input or output)");
-    TransferRequest a = ParseTransferRequest(args);
-    Fd in(args.Positional()[0], false);
-    Fd out(args.Positional()[1], true);
-    const uint64_t size = in.RegularFileSize();
+    TransferRequest request = ParseTransferRequest(args);
+    Source in(args.Positional()[0]);
+    Destination out(args.Positional()[1], in);
+    PlotFile plot(args.Get("plot"));
+    SpeedChart chart("Copy of " + in.Path() + " by user " + request.user.name + " on " +
+                     ProtocolName(request.protocol));
     CatchStopSignals();
     CatchHangups();
     signal(SIGPIPE, SIG_IGN);  // a closed reader is a write error, and the entries are still removed
 
     const size_t kRequest = 64 * 1024;
     std::vector<char> buffer(kRequest);
-    uint64_t done = 0;
-    ThrottledTransfer transfer(a, StatusFileName(in, out, a.direction));
+    uint64_t done = 0, sampledBytes = 0;
+    const int64_t start = NowUs();
+    int64_t sampledUs = start;
+    ThrottledTransfer transfer(request, StatusFileName(in, out, request.direction));
     while (!StopRequested()) {
         transfer.ReloadIfAsked();
-        size_t chunk = static_cast<size_t>(transfer.NextChunk(kRequest));
-        size_t got = ReadChunk(in, buffer.data(), chunk);
+        size_t got = in.Read(buffer.data(), static_cast<size_t>(transfer.NextChunk(kRequest)));
+        out.Open();  // the source has proved readable
         if (got == 0) {
             break;
         }
-        WriteChunk(out, buffer.data(), got);
+        out.Write(buffer.data(), got);
         done += got;
-        uint32_t progress = size != 0 ? static_cast<uint32_t>(std::min<uint64_t>(done, size) * 10000 / size) : 0;
+        uint32_t progress = in.Size() != 0 ? static_cast<uint32_t>(std::min(done, in.Size()) * 10000 / in.Size()) : 0;
         transfer.Pass(got, progress);
+        if (NowUs() - sampledUs >= kChartSampleUs) {
+            double seconds = static_cast<double>(NowUs() - sampledUs) / 1e6;
+            chart.Add(request.user.name, SpeedChart::Kind::Transfer, SecondsSince(start),
+                      static_cast<double>(done - sampledBytes) / seconds);
+            chart.Add("limit of " + request.user.name, SpeedChart::Kind::Limit, SecondsSince(start),
+                      static_cast<double>(transfer.AllowedSpeed()), request.user.name);
+            sampledUs = NowUs();
+            sampledBytes = done;
+        }
     }
+    WriteChart(plot, chart, std::cerr);  // standard output may be the copy itself
     if (StopRequested()) {
         std::cerr << "veskbandwidth copy: interrupted after " << done << " bytes\n";
         return 130;

@@ -1,12 +1,14 @@
 // veskbandwidth: administration, simulation and demo of the bandwidth
 // limits.  Finds the command, prints help, and turns failures into a message
 // on stderr and a non-zero exit status.
+#include <clocale>
 #include <cstring>
 #include <iostream>
 #include <string>
 
 #include "cli.h"
 #include "schedule.h"
+#include "table.h"
 
 namespace {
 
@@ -20,84 +22,121 @@ struct Command {
 
 const Command kCommands[] = {
     {"limit", "set", "set the limit of a user or group for a protocol",
-     "usage: veskbandwidth limit set (--user NAME|UID | --group NAME|GID) --protocol NAME\n"
-     "                               [--state STATE] [--up KBS] [--down KBS]\n"
-     "                               [--custom-up KBS] [--custom-down KBS] [--schedule SCHEDULE]\n"
+     "usage: veskbandwidth limit set (-u|--user NAME|UID | -g|--group NAME|GID) -p|--protocol NAME\n"
+     "                               [--state STATE] [--up RATE] [--down RATE]\n"
+     "                               [--custom-up RATE] [--custom-down RATE] [--schedule SCHEDULE]\n"
      "Changes the given fields of the stored limit and keeps the others.  STATE is\n"
-     "enabled, disabled, schedule or NotExisted; a new limit without --state is\n"
-     "enabled, and --schedule without --state sets the state to schedule.  Rates are\n"
-     "KB/s (1 KB = 1024 bytes); 0 or \"unlimited\" is no limit in that direction.\n"
-     "Running transfers take a change up when they are reloaded (veskbandwidth reload).\n",
+     "enabled, disabled, schedule or NotExisted, in any case; a new limit without\n"
+     "--state is enabled, and --schedule without --state sets the state to schedule.\n"
+     "A limit does nothing while limiting is off for its protocol (global set): the\n"
+     "command warns then.  It refuses to change a file with lines the library cannot\n"
+     "read, and to keep a stored value that the library misreads.\n",
      cli::RunLimitSet},
     {"limit", "show", "show limits, their rates in force now and their schedules",
-     "usage: veskbandwidth limit show [--user NAME|UID | --group NAME|GID] [--protocol NAME]\n"
-     "                                [--json | --dump]\n"
+     "usage: veskbandwidth limit show [-u NAME|UID | -g NAME|GID] [-p NAME] [--json | --dump]\n"
      "Without an owner, lists every stored limit; without a protocol, the four\n"
-     "built-in protocols.  --dump prints the library's fixed-width rows.\n",
+     "built-in protocols.  IN FORCE NOW is what the schedule gives at this hour; a\n"
+     "limit whose protocol has limiting off is \"not applied\".  Lines that the\n"
+     "library does not read faithfully (unknown names, malformed or too large\n"
+     "numbers, short schedules, broken headers) are named on stderr as FILE:LINE,\n"
+     "their records are marked INVALID and the exit status is 1.  JSON rates are\n"
+     "bytes/s; --dump prints the library's fixed-width rows.\n",
      cli::RunLimitShow},
+    {"limit", "remove", "delete the limit of a user or group for a protocol",
+     "usage: veskbandwidth limit remove (-u NAME|UID | -g NAME|GID) -p NAME\n"
+     "Deletes the owner's record from the protocol's limit file; exit status 1 when\n"
+     "there is none.\n",
+     cli::RunLimitRemove},
     {"global", "set", "set the global state, policies and schedule of a protocol",
-     "usage: veskbandwidth global set --protocol NAME [--state STATE] [--user-group-policy P]\n"
+     "usage: veskbandwidth global set -p|--protocol NAME [--state STATE] [--user-group-policy P]\n"
      "                                [--inter-group-policy P] [--occupy-policy P]\n"
      "                                [--schedule SCHEDULE]\n"
+     "  state               enabled (limiting on), disabled, schedule\n"
      "  user-group policy   user-only, group-only, user-first, group-first, min, max, sum\n"
      "  inter-group policy  min, max, sum\n"
      "  occupy policy       none, all, min, max, weighted\n"
-     "Storing sends the simulators a reload, as the library does, and signals every\n"
-     "process named veskbandwidth itself as well.\n",
+     "Names are taken in any case.  Storing sends the simulators a reload, as the\n"
+     "library does, and the tool signals the processes named veskbandwidth in its\n"
+     "mount namespace itself, and lists them.\n",
      cli::RunGlobalSet},
     {"global", "show", "show the global settings of protocols",
-     "usage: veskbandwidth global show [--protocol NAME] [--json | --dump]\n", cli::RunGlobalShow},
-    {nullptr, "status", "list running transfers (--watch refreshes every second)",
-     "usage: veskbandwidth status [--user NAME|UID | --group NAME|GID] [--protocol NAME|all]\n"
+     "usage: veskbandwidth global show [-p NAME] [--json | --dump]\n"
+     "Exit status 1 when the global file holds lines the library misreads.\n",
+     cli::RunGlobalShow},
+    {nullptr, "status", "list running transfers (--watch draws their speeds live)",
+     "usage: veskbandwidth status [-u NAME|UID | -g NAME|GID] [-p NAME|all] [--by-file]\n"
      "                            [--direction upload|download|both] [--watch] [--count N]\n"
-     "                            [--json | --dump]\n"
+     "                            [--json | --dump | --prometheus]\n"
      "Lists the transfers in the status files under /tmp/bandwidth/, all of them or\n"
-     "those of one user's or group's file.  --watch redraws the table every second\n"
-     "until Ctrl-C; --count N stops after N tables (with --json, one JSON object per\n"
-     "line).  Speeds are KB/s in tables and bytes/s in JSON.\n",
+     "those of one user's or group's file: one row per transfer with the user and\n"
+     "groups whose limits it counts against; --by-file shows each file's entries.\n"
+     "--watch redraws every second until Ctrl-C, with each transfer's recent speed\n"
+     "as a sparkline whose top is its limit; --count N stops after N tables (with\n"
+     "--json, one JSON object per line).  Tables fit the terminal ($COLUMNS).\n"
+     "JSON speeds are bytes/s.  --prometheus prints the transfers and the limits in\n"
+     "force in the Prometheus text format, for node_exporter's textfile collector.\n"
+     "An entry or file that cannot be read is skipped with a warning.\n",
      cli::RunStatus},
     {nullptr, "preview", "show the speeds a user would get now on a protocol",
-     "usage: veskbandwidth preview --user NAME|UID --protocol NAME [--json]\n", cli::RunPreview},
-    {nullptr, "deactivate", "switch off a running transfer of a user",
-     "usage: veskbandwidth deactivate --user NAME|UID --pid PID [--direction upload|download|both]\n"
-     "The transferring process ends the transfer at its next chunk.\n",
+     "usage: veskbandwidth preview -u NAME|UID -p NAME [--json]\n"
+     "The speeds a transfer of the user gets now: \"unlimited\" while limiting is off\n"
+     "for the protocol, with what the limits alone would give in the note.  Exit\n"
+     "status 1 when the configuration holds lines the library misreads.\n",
+     cli::RunPreview},
+    {nullptr, "deactivate", "switch off a running transfer",
+     "usage: veskbandwidth deactivate (--pid PID [-u NAME|UID] | -u NAME|UID --all)\n"
+     "                                [--direction upload|download|both]\n"
+     "The transferring process ends the transfer at its next chunk.  Only root and\n"
+     "the transfer's own user may; anyone else gets \"permission denied\" (exit 1).\n",
      cli::RunDeactivate},
-    {nullptr, "remove", "remove the status entries of a user's transfer",
-     "usage: veskbandwidth remove --user NAME|UID --pid PID [--direction upload|download|both]\n"
-     "Removes the entries from the user's status file and from those of all its groups.\n",
+    {nullptr, "remove", "remove the status entries of a transfer",
+     "usage: veskbandwidth remove (--pid PID [-u NAME|UID] | -u NAME|UID --all)\n"
+     "                            [--direction upload|download|both]\n"
+     "Removes the entries from the status files of the user and of all its groups.\n"
+     "A transfer that still runs writes them again at its next chunk: deactivate\n"
+     "ends it.  Only root and the transfer's own user may.\n",
      cli::RunRemove},
     {nullptr, "reload", "tell running services to reload their limits",
      "usage: veskbandwidth reload lanternpost|webdav|simulators\n"
      "  lanternpost  SIGHUP to the web file manager's transfer workers\n"
      "  webdav       SIGUSR2 to the WebDAV server's process group\n"
-     "  simulators   the library's simulator hangup (killall -sighup veskbandwidth); as\n"
-     "               some killall versions refuse that spelling, the tool then sends\n"
-     "               SIGHUP itself to every other process named veskbandwidth\n",
+     "  simulators   the library's killall -sighup veskbandwidth, and SIGHUP from the\n"
+     "               tool to its simulations and copies (processes named\n"
+     "               veskbandwidth in this mount namespace)\n"
+     "Says which processes it reached; exit status 1 when it reached none.  ftp,\n"
+     "rsync and add-on protocols have no reload: transfers that use the transfer\n"
+     "session notice changed limit files within about 200 ms, and services that call\n"
+     "the library per chunk reload at their next SIGHUP.\n",
      cli::RunReload},
     {nullptr, "simulate", "play a simulated transfer with a progress display",
-     "usage: veskbandwidth simulate --user NAME|UID --protocol NAME --size SIZE\n"
-     "                              [--direction upload|download]\n"
-     "SIZE is bytes, or a number with K, M, G or T (1024-based).  The simulation\n"
-     "runs the library's simulator in a process named veskbandwidth, which reloads\n"
-     "on SIGHUP.  A progress bar on a terminal, a line per second otherwise; Ctrl-C\n"
-     "ends it and removes its status entries.  The direction defaults to download.\n",
+     "usage: veskbandwidth simulate -u NAME|UID -p NAME --size SIZE [--direction upload|download]\n"
+     "                              [--plot FILE.svg]\n"
+     "SIZE is bytes, or a number with K, M, G or T (1024-based; KB, MB: 1000-based).\n"
+     "The simulation runs the library's simulator in a process named veskbandwidth,\n"
+     "which reloads on SIGHUP.  A progress bar on a terminal, a line per second\n"
+     "otherwise; Ctrl-C ends it and removes its status entries.  The direction\n"
+     "defaults to download.  --plot draws its speed and limit over time as SVG.\n",
      cli::RunSimulate},
     {nullptr, "copy", "copy real bytes under a user's limit (a reference service)",
-     "usage: veskbandwidth copy --user NAME|UID --protocol NAME [--direction upload|download]\n"
-     "                          SRC DST\n"
+     "usage: veskbandwidth copy -u NAME|UID -p NAME [--direction upload|download]\n"
+     "                          [--plot FILE.svg] SRC DST\n"
      "Copies SRC to DST (- is standard input or output) in chunks sized by the\n"
      "library, with a pass of its sleep loop after every chunk, so the throughput\n"
      "holds the user's limit; SIGHUP reloads the limits between chunks, Ctrl-C\n"
-     "stops and removes the status entries.  The direction defaults to download.\n",
+     "stops and removes the status entries.  Like cp it refuses a DST that is SRC;\n"
+     "it creates DST only once SRC proved readable, and never writes through a\n"
+     "symbolic link.  The direction defaults to download.  --plot draws the speed,\n"
+     "measured every 200 ms, and the limit over time as SVG.\n",
      cli::RunCopy},
     {nullptr, "demo", "watch three users share a group limit, in a private sandbox",
-     "usage: veskbandwidth demo [--seconds N] [--json]\n"
+     "usage: veskbandwidth demo [--seconds N] [--json] [--plot FILE.svg]\n"
      "Needs nothing on the machine but root or unprivileged user namespaces: it runs\n"
      "in a private sandbox with its own accounts and configuration.  Three users\n"
      "download over ftp at once under one group limit, one of them also under a\n"
      "tighter limit of its own; it shows the live status table and ends with each\n"
      "transfer's average speed beside its fair part.  N defaults to 20 seconds;\n"
-     "--json prints only the summary, as JSON.\n",
+     "--json prints only the summary, as JSON.  The chart of the speeds goes to\n"
+     "FILE.svg, or to a new veskbandwidth-demo-XXXXXX.svg in $TMPDIR or /tmp.\n",
      cli::RunDemo},
 };
 
@@ -114,11 +153,15 @@ void PrintOverview(std::ostream &out)
            "commands:\n";
     for (const Command &command : kCommands) {
         std::string name = FullName(command);
-        out << "  " << name << std::string(name.size() < 13 ? 13 - name.size() : 1, ' ') << command.summary << '\n';
+        out << "  " << name << std::string(name.size() < 14 ? 14 - name.size() : 1, ' ') << command.summary << '\n';
     }
     out << "\nProtocols: lanternpost, webdav, ftp, rsync, or an add-on protocol's name.\n"
-           "'veskbandwidth COMMAND --help' describes a command.  Errors go to stderr with\n"
-           "exit status 2 for a wrong argument (nothing is changed) and 1 for a failure.\n";
+           "Rates are KiB/s (1 KiB = 1024 bytes) or carry a unit as rsync's --bwlimit:\n"
+           "512K, 1.5M, 10MiB, 2G; 500KB, 2MB are 1000-based; 0 or unlimited is no limit.\n"
+           "-u, -g and -p stand for --user, --group and --protocol.\n"
+           "'veskbandwidth help COMMAND' describes a command; --version prints the version.\n"
+           "Errors go to stderr with exit status 2 for a wrong argument (nothing is\n"
+           "changed) and 1 for a failure.\n";
 }
 
 bool WantsHelp(int argc, char **argv)
@@ -131,17 +174,25 @@ bool WantsHelp(int argc, char **argv)
     return false;
 }
 
-bool UsesSchedule(const Command &command)
-{
-    return std::strcmp(command.name, "set") == 0;
-}
-
 void PrintUsage(const Command &command)
 {
     std::cout << command.usage;
-    if (UsesSchedule(command)) {
+    if (std::strcmp(command.name, "set") == 0) {
         std::cout << '\n' << cli::kScheduleHelp;
     }
+    if (command.run == cli::RunLimitSet) {
+        std::cout << '\n' << cli::kRateHelp;
+    }
+}
+
+bool IsGroup(const char *word)
+{
+    for (const Command &command : kCommands) {
+        if (command.group != nullptr && std::strcmp(command.group, word) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // The command named by the first one or two words, and how many words it took.
@@ -161,52 +212,91 @@ const Command *FindCommand(int argc, char **argv, int *words)
     return nullptr;
 }
 
-// "limit" or "global" alone, or with --help: the usage of both subcommands.
-int GroupHelp(const char *group, bool asked)
+// What an unknown command says, with the closest command when there is one.
+int UnknownCommand(int argc, char **argv)
 {
-    std::ostream &out = asked ? std::cout : std::cerr;
-    for (const Command &command : kCommands) {
-        if (command.group != nullptr && std::strcmp(command.group, group) == 0) {
-            out << command.usage;
+    std::vector<std::string> names;
+    std::string message;
+    if (IsGroup(argv[0])) {
+        for (const Command &command : kCommands) {
+            if (command.group != nullptr && std::strcmp(command.group, argv[0]) == 0) {
+                names.push_back(command.name);
+            }
         }
+        for (size_t i = 0; i < names.size(); ++i) {
+            message += (i == 0 ? "" : i + 1 == names.size() ? " or " : ", ") + names[i];
+        }
+        message = std::string(argv[0]) + " needs " + message;
+        if (argc > 1) {
+            message += ", not '" + std::string(argv[1]) + "'" + cli::DidYouMean(argv[1], names);
+        }
+    } else {
+        for (const Command &command : kCommands) {
+            names.push_back(command.group != nullptr ? command.group : command.name);
+        }
+        message = "unknown command '" + std::string(argv[0]) + "'" + cli::DidYouMean(argv[0], names);
     }
-    return asked ? 0 : 2;
+    std::cerr << "veskbandwidth: " << cli::Printable(message) << "\nTry 'veskbandwidth --help'.\n";
+    return 2;
+}
+
+// "help", "help COMMAND", "COMMAND --help", "limit --help": the overview or a command's usage.
+int Help(int argc, char **argv)
+{
+    int words = 0;
+    const Command *command = argc > 0 ? FindCommand(argc, argv, &words) : nullptr;
+    if (command != nullptr) {
+        PrintUsage(*command);
+        return 0;
+    }
+    if (argc > 0 && IsGroup(argv[0]) && (argc == 1 || argv[1][0] == '-')) {
+        for (const Command &c : kCommands) {
+            if (c.group != nullptr && std::strcmp(c.group, argv[0]) == 0) {
+                std::cout << c.usage;
+            }
+        }
+        return 0;
+    }
+    if (argc > 0 && argv[0][0] != '-') {
+        return UnknownCommand(argc, argv);
+    }
+    PrintOverview(std::cout);
+    return 0;
 }
 
 int Dispatch(int argc, char **argv)
 {
-    if (argc < 1 || WantsHelp(1, argv)) {
-        PrintOverview(argc < 1 ? std::cerr : std::cout);
-        return argc < 1 ? 2 : 0;
+    if (argc < 1) {
+        PrintOverview(std::cerr);
+        return 2;
+    }
+    if (std::strcmp(argv[0], "--version") == 0) {
+        std::cout << "veskbandwidth " VBW_VERSION "\n";
+        return 0;
+    }
+    if (std::strcmp(argv[0], "help") == 0) {
+        return Help(argc - 1, argv + 1);
+    }
+    if (WantsHelp(argc, argv)) {
+        return Help(argc, argv);
     }
     int words = 0;
     const Command *command = FindCommand(argc, argv, &words);
     if (command == nullptr) {
-        if (std::strcmp(argv[0], "limit") == 0 || std::strcmp(argv[0], "global") == 0) {
-            bool asked = argc > 1 && WantsHelp(argc - 1, argv + 1);
-            if (!asked) {
-                std::cerr << "veskbandwidth: " << argv[0] << " needs set or show\n";
-            }
-            return GroupHelp(argv[0], asked);
-        }
-        std::cerr << "veskbandwidth: unknown command '" << argv[0] << "'\n"
-                  << "Try 'veskbandwidth --help'.\n";
-        return 2;
-    }
-    if (WantsHelp(argc - words, argv + words)) {
-        PrintUsage(*command);
-        return 0;
+        return UnknownCommand(argc, argv);
     }
     try {
         return command->run(argc - words, argv + words);
     } catch (const cli::Error &error) {
-        std::cerr << "veskbandwidth " << FullName(*command) << ": " << error.what() << '\n';
+        cli::EndStatusLine();
+        std::cerr << "veskbandwidth " << FullName(*command) << ": " << cli::Printable(error.what()) << '\n';
         if (error.Status() == 2) {
-            std::cerr << "Try 'veskbandwidth " << FullName(*command) << " --help'.\n";
+            std::cerr << "Try 'veskbandwidth help " << FullName(*command) << "'.\n";
         }
         return error.Status();
     } catch (const std::exception &error) {
-        std::cerr << "veskbandwidth " << FullName(*command) << ": " << error.what() << '\n';
+        cli::EndStatusLine();
+        std::cerr << "veskbandwidth " << FullName(*command) << ": " << cli::Printable(error.what()) << '\n';
         return 1;
     }
 }
@@ -215,6 +305,7 @@ int Dispatch(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    std::setlocale(LC_CTYPE, "");  // only the character set: it decides between UTF-8 and ASCII output
     cli::IgnoreHangups();
     return Dispatch(argc - 1, argv + 1);
 }

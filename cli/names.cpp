@@ -1,6 +1,7 @@
 // Names of accounts, protocols, directions and record values, and the text
 // of the library's error state.
 #include <grp.h>
+#include <strings.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -56,25 +57,54 @@ struct ErrorName {
 };
 
 const ErrorName kErrorNames[] = {
-    {BW_ERR_OUT_OF_MEMORY, "out of memory"},       {BW_ERR_DEACTIVATED, "deactivated"},
-    {BW_ERR_GLOB_FAILED, "no add-on file"},        {BW_ERR_FILE_OPEN, "cannot open a file"},
-    {BW_ERR_FILE_READ, "cannot read a file"},      {BW_ERR_FILE_WRITE, "cannot write a file"},
-    {BW_ERR_BAD_PARAMETERS, "bad parameters"},     {BW_ERR_NOT_FOUND, "not found"},
-    {BW_ERR_STAT_FAILED, "stat failed"},           {BW_ERR_RENAME_FAILED, "rename failed"},
-    {BW_ERR_BAD_VALUE, "bad value in a file"},     {BW_ERR_ADDON_AMBIGUOUS, "ambiguous add-on"},
-    {BW_ERR_ADDON_BAD_PATH, "bad add-on file name"}, {BW_ERR_UNKNOWN_CONF_TYPE, "unknown owner type"},
+    {BW_ERR_OUT_OF_MEMORY, "out of memory"},
+    {BW_ERR_DEACTIVATED, "deactivated"},
+    {BW_ERR_GLOB_FAILED, "no add-on file"},
+    {BW_ERR_FILE_OPEN, "cannot open a file"},
+    {BW_ERR_FILE_READ, "cannot read a file"},
+    {BW_ERR_FILE_WRITE, "cannot write a file"},
+    {BW_ERR_BAD_PARAMETERS, "bad parameters"},
+    {BW_ERR_NOT_FOUND, "not found"},
+    {BW_ERR_STAT_FAILED, "stat failed"},
+    {BW_ERR_RENAME_FAILED, "rename failed"},
+    {BW_ERR_BAD_VALUE, "bad value in a file"},
+    {BW_ERR_ADDON_AMBIGUOUS, "ambiguous add-on"},
+    {BW_ERR_ADDON_BAD_PATH, "bad add-on file name"},
+    {BW_ERR_UNKNOWN_CONF_TYPE, "unknown owner type"},
 };
 
-std::string TableNames(const VESK_BW_ENUM_ENTRY *table)
+const char kBuiltInNames[] = "lanternpost, webdav, ftp, rsync";
+
+std::vector<std::string> TableNameList(const VESK_BW_ENUM_ENTRY *table)
 {
-    std::string names;
+    std::vector<std::string> names;
     for (const VESK_BW_ENUM_ENTRY *entry = table; entry->szName != nullptr; ++entry) {
-        names += (names.empty() ? "" : ", ") + std::string(entry->szName);
+        names.push_back(entry->szName);
     }
     return names;
 }
 
+// The value of a name of the table, compared without regard to case; -1 when none.
+int CaseInsensitiveValue(const VESK_BW_ENUM_ENTRY *table, const std::string &text)
+{
+    for (const VESK_BW_ENUM_ENTRY *entry = table; entry->szName != nullptr; ++entry) {
+        if (strcasecmp(text.c_str(), entry->szName) == 0) {
+            return entry->iValue;
+        }
+    }
+    return -1;
+}
+
 }  // namespace
+
+std::string TableNames(const VESK_BW_ENUM_ENTRY *table)
+{
+    std::string names;
+    for (const std::string &name : TableNameList(table)) {
+        names += (names.empty() ? "" : ", ") + name;
+    }
+    return names;
+}
 
 std::string LibraryErrorText()
 {
@@ -153,10 +183,15 @@ std::string AccountName(int ownerType, unsigned id)
 
 int ParseProtocol(const std::string &text, bool allowAll)
 {
-    int protocol = text.empty() ? 0 : VESKBandwidthEnumToValue(VESK_BW_PROTOCOL_TYPE_NAMES, text.c_str());
+    // Built-in names in any case; add-on names as their files spell them.
+    int protocol = CaseInsensitiveValue(VESK_BW_PROTOCOL_TYPE_NAMES, text);
+    if (protocol < 0) {
+        protocol = text.empty() ? 0 : VESKBandwidthEnumToValue(VESK_BW_PROTOCOL_TYPE_NAMES, text.c_str());
+    }
     if (protocol <= 0) {
-        throw UsageError("unknown protocol '" + text +
-                         "' (known: lanternpost, webdav, ftp, rsync, or an add-on protocol's name)");
+        throw UsageError("unknown protocol '" + text + "' (known: " + kBuiltInNames +
+                         ", or an add-on protocol's name)" +
+                         DidYouMean(text, TableNameList(VESK_BW_PROTOCOL_TYPE_NAMES)));
     }
     if (protocol == VESK_BW_PROTOCOL_ALL && !allowAll) {
         throw UsageError("protocol 'all' is not allowed here; name one protocol");
@@ -180,17 +215,17 @@ std::vector<int> BuiltInProtocols()
 
 int ParseDirection(const std::string &text, bool allowBoth)
 {
-    if (text == "up" || text == "upload") {
+    auto is = [&text](const char *name) { return strcasecmp(text.c_str(), name) == 0; };
+    if (is("up") || is("upload")) {
         return VESK_BW_TRANSFER_UPLOAD;
     }
-    if (text == "down" || text == "download") {
+    if (is("down") || is("download")) {
         return VESK_BW_TRANSFER_DOWNLOAD;
     }
-    if (allowBoth && text == "both") {
+    if (allowBoth && is("both")) {
         return VESK_BW_TRANSFER_ALL;
     }
-    throw UsageError("unknown direction '" + text + "' (known: upload, download" +
-                     (allowBoth ? ", both)" : ")"));
+    throw UsageError("unknown direction '" + text + "' (known: upload, download" + (allowBoth ? ", both)" : ")"));
 }
 
 std::string DirectionName(int direction)
@@ -200,12 +235,28 @@ std::string DirectionName(int direction)
 
 int ParseEnumName(const VESK_BW_ENUM_ENTRY *table, const std::string &text, const char *what)
 {
-    for (const VESK_BW_ENUM_ENTRY *entry = table; entry->szName != nullptr; ++entry) {
-        if (text == entry->szName) {
-            return entry->iValue;
-        }
+    int value = CaseInsensitiveValue(table, text);
+    if (value < 0) {
+        throw UsageError("unknown " + std::string(what) + " '" + text + "' (known: " + TableNames(table) + ")" +
+                         DidYouMean(text, TableNameList(table)));
     }
-    throw UsageError("unknown " + std::string(what) + " '" + text + "' (known: " + TableNames(table) + ")");
+    return value;
+}
+
+std::string PickupHint(int protocol)
+{
+    std::string name = ProtocolName(protocol);
+    if (protocol == VESK_BW_PROTOCOL_LANTERNPOST) {
+        return "Running lanternpost transfers take the change up when their workers get SIGHUP: "
+               "veskbandwidth reload lanternpost.";
+    }
+    if (protocol == VESK_BW_PROTOCOL_WEBDAV) {
+        return "Running webdav transfers take the change up when the server gets SIGUSR2: veskbandwidth reload webdav.";
+    }
+    return "Running " + name +
+           " transfers that use the transfer session (and 'veskbandwidth run') notice the "
+           "changed limit file within about 200 ms by themselves; services that call the library per chunk take it "
+           "up at their next SIGHUP; simulations and copies of this tool: veskbandwidth reload simulators.";
 }
 
 std::string EnumName(const VESK_BW_ENUM_ENTRY *table, int value)

@@ -1,15 +1,20 @@
-// Signals and processes: the hangup guard, the stop flag, the simulator
-// hangup that reaches this machine, and small terminal and clock helpers.
+// Signals and processes: the hangup guard, the stop flag, the processes the
+// reloads reach, and small terminal and clock helpers.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <sstream>
 
 #include "cli.h"
 
@@ -29,11 +34,51 @@ struct DirClose {
     void operator()(DIR *dir) const { closedir(dir); }
 };
 
-bool IsSimulatorName(const std::string &pid)
+// The web API names in a worker's first argument that the library's hangup looks for.
+const char *const kLanternpostApis[] = {"VESK.Lanternpost.Download", "VESK.Lanternpost.Upload",
+                                        "VESK.Lanternpost.FormUpload", "VESK.Lanternpost.CopyMove"};
+
+std::string ReadProcFile(pid_t pid, const char *name)
 {
-    std::ifstream comm("/proc/" + pid + "/comm");
-    std::string name;
-    return std::getline(comm, name) && name == "veskbandwidth";
+    std::ifstream file("/proc/" + std::to_string(pid) + "/" + name, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+std::string MountNamespace(const std::string &pid)
+{
+    char target[64] = "";
+    ssize_t length = readlink(("/proc/" + pid + "/ns/mnt").c_str(), target, sizeof target - 1);
+    return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
+}
+
+// The processes of /proc (but this one) for which `match` holds.
+std::vector<pid_t> FindProcesses(const std::function<bool(pid_t)> &match)
+{
+    std::vector<pid_t> found;
+    std::unique_ptr<DIR, DirClose> proc(opendir("/proc"));
+    if (!proc) {
+        return found;
+    }
+    const pid_t self = getpid();
+    while (const struct dirent *entry = readdir(proc.get())) {
+        if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) {
+            continue;
+        }
+        pid_t pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
+        if (pid != self && match(pid)) {
+            found.push_back(pid);
+        }
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+bool IsSimulatorHere(pid_t pid, const std::string &ownNamespace)
+{
+    std::string comm = ReadProcFile(pid, "comm");
+    return comm == "veskbandwidth\n" && !ownNamespace.empty() && MountNamespace(std::to_string(pid)) == ownNamespace;
 }
 
 }  // namespace
@@ -72,24 +117,42 @@ void SleepUnlessStopped(int ms)
     }
 }
 
-int SignalSimulators()
+std::vector<pid_t> SignalSimulators()
 {
-    std::unique_ptr<DIR, DirClose> proc(opendir("/proc"));
-    if (!proc) {
-        return 0;
+    // Other mount namespaces (containers, other sandboxes) have /tmp/bandwidth
+    // files of their own; their processes are not ours to wake.
+    const std::string ownNamespace = MountNamespace("self");
+    return FindProcesses([&](pid_t pid) { return IsSimulatorHere(pid, ownNamespace) && kill(pid, SIGHUP) == 0; });
+}
+
+std::vector<pid_t> LanternpostWorkers()
+{
+    return FindProcesses([](pid_t pid) {
+        // As the library reads it: one line of at most 127 bytes, up to the first argument's end.
+        std::string first = ReadProcFile(pid, "cmdline").substr(0, 127);
+        first = first.substr(0, first.find_first_of(std::string("\0\n", 2)));
+        return std::any_of(std::begin(kLanternpostApis), std::end(kLanternpostApis),
+                           [&first](const char *api) { return first.find(api) != std::string::npos; });
+    });
+}
+
+std::vector<pid_t> ProcessGroupMembers(pid_t group)
+{
+    return FindProcesses([group](pid_t pid) { return getpgid(pid) == group; });
+}
+
+bool ProcessExists(pid_t pid)
+{
+    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+}
+
+std::string PidList(const std::vector<pid_t> &pids)
+{
+    std::string list;
+    for (pid_t pid : pids) {
+        list += (list.empty() ? "" : ", ") + std::to_string(pid);
     }
-    int signalled = 0;
-    const pid_t self = getpid();
-    while (const struct dirent *entry = readdir(proc.get())) {
-        if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) {
-            continue;
-        }
-        pid_t pid = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
-        if (pid != self && IsSimulatorName(entry->d_name) && kill(pid, SIGHUP) == 0) {
-            ++signalled;
-        }
-    }
-    return signalled;
+    return list;
 }
 
 bool IsTerminal(int fd)
@@ -102,6 +165,18 @@ int64_t NowUs()
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+bool WriteAll(int fd, const char *data, size_t size)
+{
+    for (size_t done = 0; done < size;) {
+        ssize_t n = write(fd, data + done, size - done);
+        if (n < 0 && errno != EINTR) {
+            return false;
+        }
+        done += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    return true;
 }
 
 QuietStderr::QuietStderr() : saved_(dup(STDERR_FILENO))

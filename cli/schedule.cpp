@@ -3,6 +3,7 @@
 
 #include <bitset>
 #include <cctype>
+#include <cstdio>
 #include <sstream>
 #include <vector>
 
@@ -10,16 +11,15 @@
 
 namespace cli {
 
-const char kScheduleHelp[] =
-    "SCHEDULE is the raw plan of 168 digits (one per hour from Sunday 00:00) or\n"
-    "rules applied from left to right, each [DAYS] [HOURS]=VALUE:\n"
-    "  DAYS   sun mon tue wed thu fri sat, ranges (mon-fri), lists (sat,sun), all\n"
-    "  HOURS  09 (one hour), 09-18 (09:00 to 18:00), 22-06 (wraps within the day),\n"
-    "         lists (08-12,14-18); no HOURS means the whole day, no DAYS every day\n"
-    "  VALUE  limit: off (no limit), normal (normal rates), custom (custom rates)\n"
-    "         global: on (limiting on), off (limiting off)\n"
-    "  Hours that no rule names are normal (limit) or on (global).\n"
-    "  Example: \"mon-fri 09-18=custom sat,sun=off\"\n";
+const char kScheduleHelp[] = "SCHEDULE is the raw plan of 168 digits (one per hour from Sunday 00:00) or\n"
+                             "rules applied from left to right, each [DAYS] [HOURS]=VALUE:\n"
+                             "  DAYS   sun mon tue wed thu fri sat, ranges (mon-fri), lists (sat,sun), all\n"
+                             "  HOURS  09 (one hour), 09-18 (09:00 to 18:00), 22-06 (wraps within the day),\n"
+                             "         lists (08-12,14-18); no HOURS means the whole day, no DAYS every day\n"
+                             "  VALUE  limit: off (no limit), normal (normal rates), custom (custom rates)\n"
+                             "         global: on (limiting on), off (limiting off)\n"
+                             "  Hours that no rule names are normal (limit) or on (global).\n"
+                             "  Example: \"mon-fri 09-18=custom sat,sun=off\"\n";
 
 namespace {
 
@@ -204,9 +204,24 @@ std::string ParseSchedule(const std::string &text, PlanKind kind)
         if (text.size() != kPlanHours) {
             Malformed("a raw plan has 168 hour digits, this one has " + std::to_string(text.size()));
         }
+        const char *digits = kind == PlanKind::Limit ? "012" : "01";
+        size_t odd = text.find_first_not_of(digits);
+        if (odd != std::string::npos) {
+            Malformed("hour " + std::to_string(odd) + " (" + HourName(odd) + ") of the raw plan is " + text[odd] +
+                      ", not one of " + digits);
+        }
         return text;
     }
     return ParseRules(text, kind);
+}
+
+std::string HourName(size_t index)
+{
+    std::string day = kDayNames[index / 24 % 7];
+    day[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(day[0])));
+    char hour[8];
+    std::snprintf(hour, sizeof hour, " %02zu:00", index % 24);
+    return day + hour;
 }
 
 void PrintWeekGrid(std::ostream &out, const std::string &plan, PlanKind kind)
@@ -219,9 +234,7 @@ void PrintWeekGrid(std::ostream &out, const std::string &plan, PlanKind kind)
         for (int hour = 0; hour < 24; ++hour) {
             row += GridSymbol(hours[day * 24 + hour], kind);
         }
-        std::string name = kDayNames[day];
-        name[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[0])));
-        out << "  " << name << "  " << row << '\n';
+        out << "  " << HourName(static_cast<size_t>(day) * 24).substr(0, 3) << "  " << row << '\n';
     }
     out << (kind == PlanKind::Limit ? "  # normal rates   + custom rates   . no limit\n"
                                     : "  # limiting on   . limiting off\n");

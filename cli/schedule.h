@@ -18,6 +18,9 @@ constexpr int kPlanHours = 168;
 // rules.  Throws UsageError saying what is malformed.
 std::string ParseSchedule(const std::string &text, PlanKind kind);
 
+// The hour of the week at a plan's index, "Mon 13:00".
+std::string HourName(size_t index);
+
 // The plan as a week grid, one row per day, with a legend.
 void PrintWeekGrid(std::ostream &out, const std::string &plan, PlanKind kind);
 

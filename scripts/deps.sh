@@ -20,6 +20,8 @@ need libbenchmark-dev test -f /usr/include/benchmark/benchmark.h
 need pv               command -v pv
 need psmisc           command -v killall
 need util-linux       command -v unshare
+# The command-line tool's tests check its SVG charts with xmllint.
+need libxml2-utils    command -v xmllint
 # The fuzz targets (make fuzz): clang, its libFuzzer runtime, and the
 # symbolizer for readable crash reports.
 need clang            command -v clang

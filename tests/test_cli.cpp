@@ -1,136 +1,45 @@
-// The command-line tool, run as a real program inside the sandbox: every
-// command, its wrong arguments, its JSON, live transfers, copy throughput,
-// reloads and the demo.
+// The command-line tool, run as a real program inside the sandbox: arguments
+// and conventions, the traps, other users, hostile names, transfers, the demo.
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <ctime>
 #include <iomanip>
-#include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
+#include "json.h"
 #include "vbw_test.h"
-#include "veskbandwidth.h"
 
 namespace {
 
 using vbw::Has;
+using vbw::Json;
 
 const std::string kTool = VBW_BINARY_DIR "/veskbandwidth";
-const char kFtpConf[] = "/usr/vesk/etc/bandwidth/bandwidth.ftp.conf";
+const std::string kFtpConf = "/usr/vesk/etc/bandwidth/bandwidth.ftp.conf";
 const char kGlobalConf[] = "/usr/vesk/etc/bandwidth/bandwidth.global.conf";
-
-// A value of a small strict JSON reader: strings (and true, false, null)
-// keep their text, numbers their value.
-struct Json {
-    std::string text;
-    double number = 0;
-    std::vector<Json> items;
-    std::map<std::string, Json> fields;
-
-    const Json &operator[](const std::string &key) const
-    {
-        static const Json missing;
-        auto it = fields.find(key);
-        return it == fields.end() ? missing : it->second;
-    }
-    const Json &operator[](size_t i) const { return items.at(i); }
-};
-
-class JsonReader {
-public:
-    explicit JsonReader(const std::string &text) : s_(text) {}
-    bool Read(Json *out) { return Value(out) && Skip() == s_.size(); }
-
-private:
-    size_t Skip() { return i_ = std::min(s_.find_first_not_of(" \t\r\n", i_), s_.size()); }
-    bool Eat(char c) { return Skip() < s_.size() && s_[i_] == c && ++i_ > 0; }
-    bool String(std::string *out)
-    {
-        static const char from[] = "\"\\/bfnrtu", to[] = "\"\\/\b\f\n\r\t";
-        bool ok = Eat('"');
-        while (ok && i_ < s_.size() && s_[i_] != '"') {
-            char c = s_[i_++];
-            const char *escape = c == '\\' && i_ < s_.size() ? std::strchr(from, s_[i_++]) : nullptr;
-            ok = static_cast<unsigned char>(c) >= 0x20 && (c != '\\' || (escape != nullptr && *escape != '\0'));
-            if (ok && escape != nullptr && *escape == 'u') {  // the tool writes \u00XX for control characters
-                ok = i_ + 4 <= s_.size();
-                c = ok ? static_cast<char>(std::stoul(s_.substr(i_, 4), nullptr, 16)) : c;
-                i_ += 4;
-            } else if (escape != nullptr) {
-                c = to[escape - from];
-            }
-            *out += c;
-        }
-        return ok && i_++ < s_.size();
-    }
-    template <typename Item> bool Sequence(char close, Item item)
-    {
-        if (Eat(close)) {
-            return true;
-        }
-        do {
-            if (!item()) {
-                return false;
-            }
-        } while (Eat(','));
-        return Eat(close);
-    }
-    bool Value(Json *out)
-    {
-        if (Eat('{')) {
-            return Sequence('}', [&] {
-                std::string key;
-                return String(&key) && Eat(':') && Value(&out->fields[key]);
-            });
-        }
-        if (Eat('[')) {
-            return Sequence(']', [&] { return out->items.emplace_back(), Value(&out->items.back()); });
-        }
-        if (Skip() < s_.size() && s_[i_] == '"') {
-            return String(&out->text);
-        }
-        for (const char *word : {"true", "false", "null"}) {
-            if (s_.compare(i_, std::strlen(word), word) == 0) {
-                out->text = word;
-                i_ += std::strlen(word);
-                return true;
-            }
-        }
-        char *end = nullptr;
-        out->number = std::strtod(s_.c_str() + i_, &end);
-        size_t start = i_;
-        i_ = static_cast<size_t>(end - s_.c_str());
-        return i_ != start;
-    }
-
-    const std::string &s_;
-    size_t i_ = 0;
-};
+const uid_t kAlice = 1026, kErin = 1030;  // fixture accounts, both in group users (100)
 
 Json ParseJson(const std::string &text)
 {
     Json value;
-    EXPECT_TRUE(JsonReader(text).Read(&value)) << "not valid JSON: " << text;
+    EXPECT_TRUE(vbw::ReadJson(text, &value)) << "not valid JSON: " << text;
     return value;
 }
 
 struct Result {
     int status = -1;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // A started program in a process group of its own, like a job of a shell,
-// whose output goes to files; Wait() collects it.
+// run as root or as `uid`, whose output goes to files; Wait() collects it.
 class Running {
 public:
-    explicit Running(const std::vector<std::string> &args)
+    explicit Running(const std::vector<std::string> &args, uid_t uid = 0)
     {
         static int serial = 0;
         std::string base = "/tmp/cli-run-" + std::to_string(++serial);
@@ -149,6 +58,9 @@ public:
                 dup2(fds[fd], fd);
             }
             setpgid(0, 0);
+            if (uid != 0 && (setgroups(0, nullptr) != 0 || setgid(100) != 0 || setuid(uid) != 0)) {
+                return 126;
+            }
             execv(argv[0], argv.data());
             return 127;
         });
@@ -164,10 +76,9 @@ public:
     Result Wait()
     {
         int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), vbw::ReadFile(out_),
-                vbw::ReadFile(err_)};
+        waitpid(std::exchange(pid_, -1), &status, 0);
+        int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return {code, vbw::ReadFile(out_), vbw::ReadFile(err_)};
     }
 
 private:
@@ -186,14 +97,9 @@ std::vector<std::string> Words(const std::string &command)
     return args;
 }
 
-Result Tool(const std::string &command)
+Result Tool(const std::string &command, uid_t uid = 0)
 {
-    return Running(Words(command)).Wait();
-}
-
-double Seconds()
-{
-    return static_cast<double>(vbw::NowMs()) / 1000;
+    return Running(Words(command), uid).Wait();
 }
 
 Json Transfers(const std::string &filter = "")
@@ -211,23 +117,13 @@ Json WaitForTransfers(size_t count, const std::string &filter = "")
     return transfers;
 }
 
-// A week plan: `day(d)` gives the 24 hour characters of day d (0 is Sunday).
-template <typename Day> std::string Week(Day day)
-{
-    std::string plan;
-    for (int d = 0; d < 7; ++d) {
-        plan += day(d);
-    }
-    return plan;
-}
-
 class CliTest : public vbw::SandboxTest {
 protected:
     // Limiting on for ftp, and a download limit of the given user.
-    void LimitUser(const std::string &user, unsigned downKBps)
+    void LimitUser(const std::string &user, unsigned downKiB)
     {
         ASSERT_EQ(0, Tool("global set --protocol ftp --state enabled").status);
-        ASSERT_EQ(0, Tool("limit set --user " + user + " --protocol ftp --down " + std::to_string(downKBps)).status);
+        ASSERT_EQ(0, Tool("limit set --user " + user + " --protocol ftp --down " + std::to_string(downKiB)).status);
     }
     // The pid of the one transfer listed, as text.
     std::string OnlyTransferPid()
@@ -238,48 +134,30 @@ protected:
     }
 };
 
-TEST_F(CliTest, HelpDescribesEveryCommand)
-{
-    Result overview = Tool("--help");
-    EXPECT_EQ(0, overview.status);
-    for (const char *command : {"limit set", "limit show", "global set", "global show", "status", "preview",
-                                "deactivate", "remove", "reload", "simulate", "copy", "demo"}) {
-        EXPECT_TRUE(Has(overview.out, std::string("  ") + command)) << command;
-        Result help = Tool(std::string(command) + " --help");
-        EXPECT_EQ(0, help.status) << command;
-        EXPECT_EQ(0u, help.out.find(std::string("usage: veskbandwidth ") + command)) << help.out;
-    }
-    EXPECT_TRUE(Has(Tool("limit set --help").out, "mon-fri 09-18=custom"));
-}
-
 TEST_F(CliTest, LimitSetStoresWhatLimitShowReads)
 {
     Result set = Tool("limit set --user alice --protocol ftp --up 512 --down 1024 --custom-down 100 "
                       "--schedule 'mon-fri 09-18=custom sat,sun=off'");
     ASSERT_EQ(0, set.status) << set.err;
-    const std::string plan = Week([](int d) {
-        return d == 0 || d == 6 ? std::string(24, '0') : std::string(9, '1') + std::string(9, '2') + std::string(6, '1');
-    });
-    // A later set changes only what it names; a group is named by its gid.
+    const std::string weekday = std::string(9, '1') + std::string(9, '2') + std::string(6, '1'), weekend(24, '0');
+    const std::string plan = weekend + weekday + weekday + weekday + weekday + weekday + weekend;
+    // A later set changes only what it names; a user may be named by the uid.
     ASSERT_EQ(0, Tool("limit set --user 1026 --protocol ftp --up 64").status);
-    ASSERT_EQ(0, Tool("limit set --group 101 --protocol ftp --state disabled").status);
-    Json limits = ParseJson(Tool("limit show --protocol ftp --json").out)["limits"];
-    ASSERT_EQ(2u, limits.items.size());
-    const Json &alice = limits[0]["owner"].text == "alice" ? limits[0] : limits[1];
-    const Json &staff = limits[0]["owner"].text == "staff" ? limits[0] : limits[1];
+    Json alice = ParseJson(Tool("limit show --protocol ftp --json").out)["limits"][0];
     EXPECT_EQ("schedule", alice["state"].text);
-    EXPECT_EQ(64, alice["upload_rate"].number);
-    EXPECT_EQ(1024, alice["download_rate"].number);
-    EXPECT_EQ(100, alice["download_rate_custom"].number);
+    EXPECT_EQ(64 * 1024, alice["upload_rate_bytes_s"].number);
+    EXPECT_EQ(1024 * 1024, alice["download_rate_bytes_s"].number);
+    EXPECT_EQ(100 * 1024, alice["download_rate_custom_bytes_s"].number);
     EXPECT_EQ(plan, alice["schedule_plan"].text);
-    EXPECT_EQ("group", staff["owner_type"].text);
-    EXPECT_EQ("disabled", staff["state"].text);
 
     // The grid shows custom hours from 09 to 18 on weekdays, no limit at weekends.
     Result shown = Tool("limit show --user alice --protocol ftp");
     EXPECT_TRUE(Has(shown.out, "  Mon  #########+++++++++######\n")) << shown.out;
-    EXPECT_TRUE(Has(shown.out, "  Sun  ........................\n")) << shown.out;
-    EXPECT_TRUE(Has(Tool("limit show --dump --protocol ftp").out, "U/L rate(KB/s)"));  // the library's layout
+
+    // limit remove deletes the record, and says so when there is none.
+    EXPECT_EQ(0, Tool("limit remove --user alice --protocol ftp").status);
+    EXPECT_TRUE(Has(Tool("limit show --protocol ftp").out, "No limits are configured."));
+    EXPECT_TRUE(Has(Tool("limit remove --user alice --protocol ftp").err, "user alice has no ftp limit"));
 
     // Readable schedules: later rules win; 22-06 wraps within the day; fri-mon
     // wraps over the week; hours alone apply to every day; a raw plan of 168
@@ -287,19 +165,13 @@ TEST_F(CliTest, LimitSetStoresWhatLimitShowReads)
     auto storedPlan = [](const std::string &schedule) {
         Result set = Tool("limit set --user carol --protocol rsync --schedule " + schedule);
         EXPECT_EQ(0, set.status) << set.err;
-        return ParseJson(Tool("limit show --user carol --protocol rsync --json").out)["limits"][0]["schedule_plan"].text;
+        return ParseJson(Tool("limit show --user carol --protocol rsync --json").out)["limits"][0]["schedule_plan"]
+            .text;
     };
-    std::string wednesday(24, '0');
-    for (int hour : {0, 1, 2, 3, 4, 5, 12, 22, 23}) {
-        wednesday[hour] = '2';
-    }
-    EXPECT_EQ(Week([&](int d) { return d == 3 ? wednesday : std::string(24, d == 0 || d == 1 || d >= 5 ? '1' : '0'); }),
+    EXPECT_EQ(std::string(48, '1') + std::string(24, '0') + "222222000000200000000022" + std::string(24, '0') +
+                  std::string(48, '1'),
               storedPlan("'all=off mon,wed 22-06,12=custom fri-mon 00-24=normal'"));
-    EXPECT_EQ(Week([](int) { return std::string(23, '1') + "0"; }), storedPlan("23=off"));
-    std::string raw;
-    for (int i = 0; i < 168; ++i) {
-        raw += static_cast<char>('0' + i % 3);
-    }
+    const std::string raw = std::string(56, '0') + std::string(56, '1') + std::string(56, '2');
     EXPECT_EQ(raw, storedPlan(raw));
 }
 
@@ -312,36 +184,20 @@ TEST_F(CliTest, WrongArgumentsSayWhatIsWrongAndChangeNothing)
 
     const std::string set = "limit set --user alice --protocol ftp ";
     const std::pair<std::string, std::string> cases[] = {
-        {"frobnicate", "unknown command 'frobnicate'"},
-        {"limit", "limit needs set or show"},
+        {"stauts", "unknown command 'stauts'; did you mean 'status'?"},
+        {"limit shwo", "limit needs set, show or remove, not 'shwo'; did you mean 'show'?"},
         {"limit set --user mallory --protocol ftp --down 5", "unknown user 'mallory'"},
-        {"limit set --group wheel --protocol ftp --down 5", "unknown group 'wheel'"},
-        {"limit set --user alice --protocol gopher --down 5", "unknown protocol 'gopher'"},
-        {"limit set --user alice --protocol all --down 5", "protocol 'all' is not allowed"},
-        {set + "--state Enabled", "unknown state 'Enabled'"},
-        {set + "--down 12k", "--down must be a whole number"},
-        {set + "--down -1", "--down must be a whole number"},
-        {set + "--down 99999999999999999999999", "is too large"},
+        {set + "--state Enabld", "unknown state 'Enabld' (known: NotExisted, enabled, disabled, schedule); did you "
+                                 "mean 'enabled'?"},
+        {set + "--dwon 5", "unknown option --dwon; did you mean '--down'?"},
         {set + "--down 5 --schedule 'mon-fri 25=off'", "malformed schedule: bad hour '25'"},
-        {set + "--schedule mon-fry=off", "malformed schedule: unknown day 'fry'"},
-        {set + "--schedule mon-fri", "must be followed by HOURS=VALUE"},
-        {set + "--schedule 0101", "168 hour digits"},
-        {set + "--schedule sat=fast", "unknown value 'fast'"},
-        {set + "--group users --down 5", "exactly one owner"},
         {set, "nothing to set"},
-        {set + "--speed 5", "unknown option --speed"},
-        {"global set --protocol ftp --user-group-policy fair", "unknown user-group policy 'fair'"},
         {"global set --protocol ftp --inter-group-policy user-first", "unknown inter-group policy 'user-first'"},
-        {"global set --protocol ftp --occupy-policy some", "unknown occupy policy 'some'"},
-        {"global set --protocol ftp --schedule mon=custom", "global schedule's hours are on or off"},
-        {"global set --state enabled", "missing --protocol"},
-        {"preview --user alice --protocol all", "protocol 'all' is not allowed"},
-        {"simulate --user alice --protocol ftp --size ten", "size must be a number"},
-        {"simulate --user alice --protocol ftp --direction sideways --size 1M", "unknown direction 'sideways'"},
-        {"status --user mallory", "unknown user 'mallory'"},
+        {"simulate -u alice -p ftp --size ten", "size must be a number"},
         {"deactivate --user alice --pid abc", "--pid must be a whole number"},
+        {"remove --pid 5 --all", "give either --pid PID or --user NAME --all"},
         {"copy --user alice --protocol ftp /tmp/only-one", "missing SRC and DST"},
-        {"demo --seconds 0", "seconds must lie between"},
+        {"reload ftp", "ftp has no reload to send. Running ftp transfers that use the transfer session"},
     };
     for (const auto &[command, message] : cases) {
         Result result = Tool(command);
@@ -351,125 +207,160 @@ TEST_F(CliTest, WrongArgumentsSayWhatIsWrongAndChangeNothing)
     }
     EXPECT_EQ(limitsBefore, vbw::ReadFile(kFtpConf));
     EXPECT_EQ(globalBefore, vbw::ReadFile(kGlobalConf));
-    EXPECT_FALSE(vbw::Exists("/usr/vesk/etc/bandwidth/bandwidth.webdav.conf"));
 }
 
-TEST_F(CliTest, GlobalSetKeepsWhatItDoesNotName)
+TEST_F(CliTest, RatesNamesAndOptionsFollowRsyncAndFriends)
 {
-    ASSERT_EQ(0, Tool("global set --protocol webdav --state enabled --user-group-policy min").status);
-    ASSERT_EQ(0, Tool("global set --protocol webdav --occupy-policy weighted --schedule 'all=off mon-fri 08-20=on'")
-                     .status);
-    Json globals = ParseJson(Tool("global show --protocol webdav --json").out)["globals"];
-    ASSERT_EQ(1u, globals.items.size());
-    EXPECT_EQ("schedule", globals[0]["state"].text);  // a schedule without --state selects it
-    EXPECT_EQ("min", globals[0]["user_group_policy"].text);
-    EXPECT_EQ("max", globals[0]["inter_group_policy"].text);  // the library's default
-    EXPECT_EQ("weighted", globals[0]["occupy_policy"].text);
-    EXPECT_EQ('1', globals[0]["schedule_plan"].text.at(1 * 24 + 8));
-    EXPECT_EQ('0', globals[0]["schedule_plan"].text.at(1 * 24 + 20));
+    // Rates as rsync's --bwlimit takes them: KiB/s by default, 1024-based
+    // units, 1000-based ones with B, bytes, /s; rounded to whole KiB/s.
+    const std::pair<const char *, double> rates[] = {{"512", 512},     {"512K", 512},    {"1.5M", 1536},
+                                                     {"10MiB", 10240}, {"2000KB", 1953}, {"1024B/s", 1},
+                                                     {"Unlimited", 0}, {"1T", 1 << 30}};
+    for (const auto &[rate, kib] : rates) {
+        ASSERT_EQ(0, Tool(std::string("limit set -u alice -p ftp --down ") + rate).status) << rate;
+        Json limit = ParseJson(Tool("limit show -u alice -p ftp --json").out)["limits"][0];
+        EXPECT_EQ(kib * 1024, limit["download_rate_bytes_s"].number) << rate;
+    }
+    const std::pair<const char *, const char *> refused[] = {
+        {"2T", "at most 1T"}, {"100B", "below 1 KiB/s"}, {"-1", "not a rate"}, {"18014398509481985", "too large"}};
+    for (const auto &[rate, message] : refused) {
+        Result result = Tool(std::string("limit set -u alice -p ftp --down ") + rate);
+        EXPECT_EQ(2, result.status) << rate;
+        EXPECT_TRUE(Has(result.err, message)) << rate << ": " << result.err;
+    }
 
-    // Without a protocol, the four built-in ones; the dump is the library's layout.
-    EXPECT_EQ(4u, ParseJson(Tool("global show --json").out)["globals"].items.size());
-    EXPECT_TRUE(Has(Tool("global show --dump --protocol webdav").out, "UserGroupPolicy"));
+    // Names in any case, help for a command, the version.
+    ASSERT_EQ(0, Tool("global set -p FTP --state ENABLED --user-group-policy Min --occupy-policy weighted").status);
+    Json global = ParseJson(Tool("global show -p ftp --json").out)["globals"][0];
+    EXPECT_EQ("enabled", global["state"].text);
+    EXPECT_EQ("min", global["user_group_policy"].text);
+    EXPECT_EQ(Tool("limit set --help").out, Tool("help limit set").out);
+    EXPECT_TRUE(Has(Tool("help limit set").out, "512K, 1.5M, 10MiB"));
+    EXPECT_EQ(0u, Tool("--version").out.find("veskbandwidth 6."));
 }
 
-TEST_F(CliTest, PreviewShowsTheSpeedsOfTheUsersLimit)
+TEST_F(CliTest, ALimitOfAProtocolWithLimitingOffIsReportedNotApplied)
 {
-    ASSERT_EQ(0, Tool("global set --protocol ftp --state enabled").status);
-    ASSERT_EQ(0, Tool("limit set --user bob --protocol ftp --up 512 --down 1024").status);
-    Json preview = ParseJson(Tool("preview --user bob --protocol ftp --json").out);
-    EXPECT_EQ("bob", preview["user"].text);
-    EXPECT_EQ(524288, preview["upload_speed"].number);
-    EXPECT_EQ(1048576, preview["download_speed"].number);
-    Result table = Tool("preview --user carol --protocol ftp");
-    EXPECT_EQ(0, table.status);
-    EXPECT_TRUE(Has(table.out, "unlimited"));
+    // A fresh appliance: no global settings, so limits do nothing yet.
+    Result set = Tool("limit set -u bob -p ftp --up 512 --down 1M");
+    EXPECT_EQ(0, set.status);
+    EXPECT_TRUE(Has(set.err, "limiting is off for ftp")) << set.err;
+    EXPECT_TRUE(Has(set.err, "veskbandwidth global set --protocol ftp --state enabled")) << set.err;
+    Json shown = ParseJson(Tool("limit show -u bob -p ftp --json").out)["limits"][0];
+    EXPECT_EQ("false", shown["applied"].text);
+    EXPECT_TRUE(Has(shown["note"].text, "not applied: limiting is off for ftp")) << shown["note"].text;
+    Json preview = ParseJson(Tool("preview -u bob -p ftp --json").out);
+    EXPECT_EQ(0, preview["download_bytes_s"].number);  // what a transfer really gets: no limit
+    EXPECT_EQ(1048576, preview["configured_download_bytes_s"].number);
+
+    ASSERT_EQ(0, Tool("global set -p ftp --state enabled").status);
+    preview = ParseJson(Tool("preview -u bob -p ftp --json").out);
+    EXPECT_EQ(524288, preview["upload_bytes_s"].number);
+    EXPECT_EQ(1048576, preview["download_bytes_s"].number);
+    EXPECT_EQ("true", ParseJson(Tool("limit show -u bob -p ftp --json").out)["limits"][0]["applied"].text);
 }
 
-TEST_F(CliTest, StatusListsARunningCopyAndEscapesItsFileName)
+TEST_F(CliTest, DamagedConfigurationIsAnErrorNamingItsFileAndLine)
 {
-    LimitUser("alice", 64);
+    ASSERT_EQ(0, Tool("limit set -u alice -p ftp --down 512").status);
+    const std::pair<std::string, std::string> damages[] = {
+        {std::string("\x8f\x01 \0\xff[x\n=\x13\x9c\n", 11), ":1: holds a NUL byte"},
+        {"[user-1026]\nstate=banana\n", ":2: state 'banana' is not one of NotExisted, enabled, disabled, schedule"},
+        {"[user-1026\nstate=enabled\ndownload rate=512\n", ":1: is no [section] header"},
+        {"[user-1026]\nstate=enabled\ndownload rate=-1\n", ":3: download rate '-1' is not a whole number"},
+        {"[user-1026]\nstate=schedule\nschedule plan=0101\n", ":3: schedule plan has 4 of the week's 168 hours"},
+    };
+    for (const auto &[text, message] : damages) {
+        vbw::WriteFile(kFtpConf, text);
+        Result shown = Tool("limit show");
+        EXPECT_EQ(1, shown.status) << text;
+        EXPECT_TRUE(Has(shown.err, kFtpConf + message)) << shown.err;
+        EXPECT_EQ(1, Tool("preview -u alice -p ftp").status) << text;
+    }
+    // A change would keep a value the library misreads: refused, file untouched.
+    EXPECT_EQ(1, Tool("limit set -u alice -p ftp --up 5").status);
+    EXPECT_EQ(damages[4].first, vbw::ReadFile(kFtpConf));
+    EXPECT_EQ(0, Tool("limit set -u alice -p ftp --schedule all=normal").status);
+    EXPECT_EQ(0, Tool("limit show").status);
+}
+
+TEST_F(CliTest, StatusListsOneRowPerTransferWithTheLimitsItCountsAgainst)
+{
+    ASSERT_EQ(0, Tool("global set -p ftp --state enabled --occupy-policy all").status);
+    ASSERT_EQ(0, Tool("limit set -g users -p ftp --down 64").status);
     const std::string source = "/tmp/a \"quoted\"\tname\\x";
     vbw::WriteFile(source, std::string(1 << 20, 'x'));
     Running copy({kTool, "copy", "--user", "alice", "--protocol", "ftp", source, "/tmp/copy-out"});
 
-    Json transfers = WaitForTransfers(1, "--user alice");
-    ASSERT_EQ(1u, transfers.items.size());
-    const Json &t = transfers[0];
+    // Each pass takes the group's copy out and writes it again: wait for both files.
+    Json all, t;
+    auto both = [&] { return (all = Transfers()).items.size() == 1 && (t = all[0])["limits"].items.size() == 2; };
+    ASSERT_TRUE(vbw::WaitUntil(both, 5000));
     EXPECT_EQ(static_cast<double>(copy.Pid()), t["pid"].number);
     EXPECT_EQ(source, t["filename"].text);
-    EXPECT_EQ("alice", t["user"].text);
-    EXPECT_EQ("ftp", t["protocol"].text);
-    EXPECT_EQ("download", t["direction"].text);
-    EXPECT_EQ(65536, t["expect_speed"].number);
+    EXPECT_EQ(65536, t["expect_speed_bytes_s"].number);
+    EXPECT_EQ("users", t["limits"][1]["owner"].text);
+    const std::string pid = std::to_string(copy.Pid());
 
-    // Filters that exclude it, and the plain table.
     for (const char *filter : {"--direction upload", "--protocol webdav", "--user bob"}) {
         EXPECT_EQ(0u, Transfers(filter).items.size()) << filter;
     }
-    EXPECT_TRUE(Has(Tool("status").out, "user alice"));
-    EXPECT_TRUE(Has(Tool("status --dump").out, "alice"));
+    Result metrics = Tool("status --prometheus");
+    const std::string labels = "{user=\"alice\",protocol=\"ftp\",direction=\"download\",pid=\"" + pid + "\"}";
+    EXPECT_TRUE(Has(metrics.out, "veskbandwidth_transfer_allowed_speed_bytes" + labels + " 65536\n")) << metrics.out;
+    EXPECT_TRUE(Has(metrics.out, "veskbandwidth_limit_bytes{owner_type=\"group\",owner=\"users\",protocol=\"ftp\","
+                                 "direction=\"download\"} 65536\n"));
 
-    // --watch without a terminal: plain tables, one per refresh; --count ends it.
-    double start = Seconds();
-    Result watch = Tool("status --watch --count 2");
-    EXPECT_EQ(0, watch.status);
-    EXPECT_GE(Seconds() - start, 0.9);
+    // --watch without a terminal: plain tables with sparklines, cut to $COLUMNS
+    // (the file name lies past column 60); with --json, one document a line.
+    Result watch = Running({"/usr/bin/env", "COLUMNS=60", kTool, "status", "--watch", "--count", "2"}).Wait();
     EXPECT_EQ(2, vbw::Occurrences(watch.out, "--- ")) << watch.out;
-    // With --json, one JSON document per line.
-    std::istringstream lines(Tool("status --count 2 --json").out);
-    int documents = 0;
-    for (std::string line; std::getline(lines, line); ++documents) {
-        EXPECT_EQ(1u, ParseJson(line)["transfers"].items.size());
+    EXPECT_TRUE(Has(watch.out, "RECENT") && !Has(watch.out, "/tmp/a")) << watch.out;
+    EXPECT_EQ(2, vbw::Occurrences(Tool("status --count 2 --json").out, "\"pid\":" + pid));
+}
+
+TEST_F(CliTest, ForgedNamesAreEscapedAndBadFilesSkipped)
+{
+    vbw::MakeDirs("/tmp/bandwidth/user-1030");  // not a status file anyone can read
+    vbw::WriteFile("/tmp/bandwidth/user-1029",
+                   "[4242-2]\npid=4242\nid=1029\nuid=1029\nactive=1\ntimestamp=" + std::to_string(time(nullptr)) +
+                       "\ncurrent speed=1\nexpect speed=2\nfilename=evil\x1b[2J\x1b]0;owned\x07\nowner type=user\n"
+                       "protocol type=ftp\ntransfer type=download\nprogress=0\n");
+    for (const char *command : {"status", "status --by-file", "status --dump"}) {
+        Result result = Tool(command);
+        EXPECT_EQ(0, result.status) << command;
+        EXPECT_TRUE(Has(result.out, "evil\\x1b[2J\\x1b]0;owned\\x07")) << command << ": " << result.out;
+        EXPECT_FALSE(Has(result.out, "\x1b")) << command;
+        EXPECT_TRUE(Has(result.err, "cannot read /tmp/bandwidth/user-1030")) << command << ": " << result.err;
     }
-    EXPECT_EQ(2, documents);
 }
 
-TEST_F(CliTest, StatusWatchEndsOnCtrlC)
-{
-    Running watch(Words("status --watch"));
-    usleep(1500000);
-    kill(watch.Pid(), SIGINT);
-    Result result = watch.Wait();
-    EXPECT_EQ(0, result.status);
-    EXPECT_TRUE(Has(result.out, "No running transfers."));
-}
-
-TEST_F(CliTest, SimulateHoldsItsLimitAndShowsProgressLines)
-{
-    LimitUser("carol", 256);
-    double start = Seconds();
-    Result result = Tool("simulate --user carol --protocol ftp --size 512K");
-    double elapsed = Seconds() - start;
-    EXPECT_EQ(0, result.status) << result.err;
-    // 512 KiB at 256 KB/s: the first chunk goes at once, the other seven take 1.75 s.
-    EXPECT_GT(elapsed, 1.5);
-    EXPECT_LT(elapsed, 4.0);
-    EXPECT_TRUE(Has(result.out, "expected 256.0 KB/s")) << result.out;
-    EXPECT_TRUE(Has(result.out, "Done: 0.5 MiB")) << result.out;
-    EXPECT_EQ(0u, Transfers().items.size());
-}
-
-TEST_F(CliTest, SimulatorIsNamedVeskbandwidthAndReloadsOnHangup)
+TEST_F(CliTest, ReloadSimulatorsReachesOnlyItsOwnMountNamespace)
 {
     LimitUser("dave", 32);
+    EXPECT_EQ(1, Tool("reload simulators").status);  // nothing runs yet
     Running simulate(Words("simulate --user dave --protocol ftp --size 100M"));
     const std::string simulator = OnlyTransferPid();
-    EXPECT_NE(std::to_string(simulate.Pid()), simulator);
     EXPECT_EQ("veskbandwidth\n", vbw::ReadFile("/proc/" + simulator + "/comm"));
+    // Two stand-ins named veskbandwidth: one here, one in a mount namespace of
+    // its own, as in another container, whose /tmp/bandwidth is not ours.
+    vbw::MakeDirs("/tmp/bin");
+    vbw::WriteFile("/tmp/bin/veskbandwidth", vbw::ReadFile("/bin/sleep"), 0755);
+    Running here({"/tmp/bin/veskbandwidth", "30"});
+    Running elsewhere({"/usr/bin/unshare", "--mount", "/tmp/bin/veskbandwidth", "30"});
+    ASSERT_TRUE(vbw::WaitUntil(
+        [&] { return Has(vbw::ReadFile("/proc/" + std::to_string(elsewhere.Pid()) + "/comm"), "veskbandwidth"); },
+        5000));
 
-    // Without the hangup the simulator keeps its old limit; after it, the
-    // limit is gone and 100 MB finish at once.
     ASSERT_EQ(0, Tool("limit set --user dave --protocol ftp --state disabled").status);
-    usleep(300000);
-    EXPECT_EQ(1u, WaitForTransfers(1).items.size());
     Result reload = Tool("reload simulators");
-    EXPECT_EQ(0, reload.status);
-    EXPECT_TRUE(Has(reload.out, "Sent SIGHUP to ")) << reload.out;
-    double start = Seconds();
+    EXPECT_EQ(0, reload.status) << reload.err;
+    EXPECT_TRUE(Has(reload.out, simulator)) << reload.out;
+    EXPECT_EQ(128 + SIGHUP, here.Wait().status);
+    EXPECT_FALSE(vbw::WaitUntil([&] { return waitpid(elsewhere.Pid(), nullptr, WNOHANG) != 0; }, 300));  // asleep
+    // Reloaded, the simulator has no limit any more: 100 MiB finish at once.
     Result result = simulate.Wait();
     EXPECT_EQ(0, result.status) << result.err;
-    EXPECT_LT(Seconds() - start, 5.0);
     EXPECT_TRUE(Has(result.out, "Done: 100.0 MiB")) << result.out;
 }
 
@@ -478,123 +369,118 @@ TEST_F(CliTest, CtrlCEndsASimulationAndRemovesItsEntries)
     ASSERT_EQ(0, Tool("global set --protocol ftp --state enabled --occupy-policy all").status);
     ASSERT_EQ(0, Tool("limit set --group users --protocol ftp --down 64").status);
     Running simulate(Words("simulate --user frank --protocol ftp --size 100M"));
-    ASSERT_EQ(2u, WaitForTransfers(2).items.size());  // frank's file and his group's
-    kill(-simulate.Pid(), SIGINT);  // the terminal signals the whole job
+    ASSERT_EQ(2u, WaitForTransfers(2, "--by-file").items.size());  // frank's file and his group's
+    kill(-simulate.Pid(), SIGINT);                                 // the terminal signals the whole job
     Result result = simulate.Wait();
     EXPECT_EQ(130, result.status);
     EXPECT_TRUE(Has(result.out, "Interrupted")) << result.out;
-    EXPECT_EQ(0u, Transfers().items.size());
+    EXPECT_EQ(0u, Transfers("--by-file").items.size());
 }
 
-TEST_F(CliTest, DeactivateEndsTheTransferAndRemoveClearsItsEntries)
+TEST_F(CliTest, OnlyRootAndTheOwnerActOnATransfer)
 {
     LimitUser("erin", 16);
     Running first(Words("simulate --user erin --protocol ftp --size 100M"));
     std::string pid = OnlyTransferPid();
-    Result wrong = Tool("deactivate --user erin --pid 99999");
-    EXPECT_EQ(1, wrong.status);
-    EXPECT_TRUE(Has(wrong.err, "erin has no running transfer with pid 99999"));
-    EXPECT_EQ(1, Tool("deactivate --user alice --pid " + pid).status);  // another user's pid
+    for (const std::string &command : {"deactivate --user erin --pid " + pid, "remove --user erin --pid " + pid}) {
+        Result refused = Tool(command, kAlice);
+        EXPECT_EQ(1, refused.status) << command;
+        EXPECT_TRUE(Has(refused.err, "permission denied: pid " + pid + " is a transfer of user erin")) << refused.err;
+    }
+    EXPECT_EQ("true", WaitForTransfers(1)[0]["active"].text);
 
-    Result deactivated = Tool("deactivate --user erin --pid " + pid);
+    Result deactivated = Tool("deactivate --pid " + pid, kErin);
     EXPECT_EQ(0, deactivated.status) << deactivated.err;
-    Result ended = first.Wait();  // at 16 KB/s the next chunk ends within 4 s
+    Result ended = first.Wait();  // at 16 KiB/s the next chunk ends within 4 s
     EXPECT_EQ(1, ended.status);
     EXPECT_TRUE(Has(ended.err, "deactivated")) << ended.err;
     EXPECT_EQ(0u, Transfers().items.size());
 
-    // remove: the entries are gone until the next chunk, seconds away at 16 KB/s.
+    // remove: the entries are gone until the next chunk, seconds away at 16 KiB/s.
     Running second(Words("simulate --user erin --protocol ftp --size 100M"));
     pid = OnlyTransferPid();
     EXPECT_EQ(1, Tool("remove --user erin --pid " + pid + " --direction upload").status);
-    Result removed = Tool("remove --user erin --pid " + pid);
+    Result removed = Tool("remove --pid " + pid);
     EXPECT_EQ(0, removed.status) << removed.err;
     EXPECT_TRUE(Has(removed.out, "Removed the download of pid " + pid));
+    EXPECT_TRUE(Has(removed.err, "still runs: its entries come back at its next chunk")) << removed.err;
+    EXPECT_TRUE(Has(removed.err, "use: veskbandwidth deactivate --pid " + pid)) << removed.err;
     EXPECT_EQ(0u, Transfers().items.size());
+}
+
+TEST_F(CliTest, CopyRefusesToWriteOverItsSource)
+{
+    vbw::WriteFile("/tmp/F", "precious");
+    ASSERT_EQ(0, symlink("/tmp/F", "/tmp/L"));
+    vbw::MakeDirs("/tmp/D");
+    for (const char *destination : {"/tmp/F", "/tmp/L"}) {
+        Result result = Tool(std::string("copy -u dave -p ftp /tmp/F ") + destination);
+        EXPECT_EQ(1, result.status) << destination;
+        EXPECT_TRUE(Has(result.err, "are the same file")) << result.err;
+        EXPECT_EQ("precious", vbw::ReadFile("/tmp/F")) << destination;
+    }
+    Result directory = Tool("copy -u dave -p ftp /tmp/D /tmp/OUT");
+    EXPECT_EQ(1, directory.status);
+    EXPECT_FALSE(vbw::Exists("/tmp/OUT"));
 }
 
 TEST_F(CliTest, CopyHoldsItsLimitAsPvMeasuresIt)
 {
     LimitUser("alice", 512);
     vbw::WriteFile("/tmp/copy-src", std::string(1536 * 1024, 'z'));
-    const bool havePv = access("/usr/bin/pv", X_OK) == 0;
-    double start = Seconds();
-    Result run = Running({"/bin/sh", "-c", havePv ? kTool + " copy --user alice --protocol ftp /tmp/copy-src - | "
-                                         "pv -f -n -t -b -i 0.5 2>/tmp/pv.log >/tmp/copy-dst"
-                              : kTool + " copy --user alice --protocol ftp /tmp/copy-src /tmp/copy-dst"}).Wait();
-    double seconds = Seconds() - start, bytes = 1536.0 * 1024;
+    Result run = Running({"/bin/sh", "-c",
+                          kTool + " copy --user alice --protocol ftp /tmp/copy-src - | "
+                                  "pv -f -n -t -b -i 0.5 2>/tmp/pv.log >/tmp/copy-dst"})
+                     .Wait();
     ASSERT_EQ(0, run.status) << run.err;
     EXPECT_EQ(vbw::ReadFile("/tmp/copy-src"), vbw::ReadFile("/tmp/copy-dst"));
-    if (havePv) {
-        // pv's last line: elapsed seconds and bytes through the pipe.
-        std::istringstream lines(vbw::ReadFile("/tmp/pv.log"));
-        for (std::string line; std::getline(lines, line);) {
-            std::istringstream(line) >> seconds >> bytes;
-        }
-        EXPECT_EQ(1536.0 * 1024, bytes);
-    } else {
-        std::cerr << "pv is not installed: measured with the test's own clock\n";
+    // pv's last line: elapsed seconds and bytes through the pipe.
+    double seconds = 0, bytes = 0;
+    std::istringstream lines(vbw::ReadFile("/tmp/pv.log"));
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream(line) >> seconds >> bytes;
     }
-    EXPECT_NEAR(512.0, bytes / seconds / 1024, 512.0 * 0.08) << "measured over " << seconds << " s";
+    EXPECT_EQ(1536.0 * 1024, bytes);
+    // Never faster than the limit (and its first chunk); slower only under a heavy load.
+    EXPECT_LE(bytes / seconds / 1024, 512.0 * 1.08) << "measured over " << seconds << " s";
+    EXPECT_GE(bytes / seconds / 1024, 512.0 * 0.5) << "measured over " << seconds << " s";
 }
 
-TEST_F(CliTest, CopyReloadsOnHangupAndReadsStandardInput)
+TEST_F(CliTest, ReloadSaysWhatItReached)
 {
-    LimitUser("bob", 128);
-    vbw::WriteFile("/tmp/copy-src", std::string(2 << 20, 'y'));  // 16 s at 128 KB/s
-    Running copy({"/bin/sh", "-c", kTool + " copy --user bob --protocol ftp - /tmp/copy-dst < /tmp/copy-src"});
-    Json transfers = WaitForTransfers(1);
-    ASSERT_EQ(1u, transfers.items.size());
-    EXPECT_EQ("(standard input)", transfers[0]["filename"].text);
-    EXPECT_EQ(0, transfers[0]["progress"].number);  // a pipe has no size
-
-    ASSERT_EQ(0, Tool("limit set --user bob --protocol ftp --down 0").status);
-    ASSERT_EQ(0, Tool("reload simulators").status);
-    double start = Seconds();
-    EXPECT_EQ(0, copy.Wait().status);
-    EXPECT_LT(Seconds() - start, 4.0);
-    EXPECT_EQ(std::string(2 << 20, 'y'), vbw::ReadFile("/tmp/copy-dst"));
-
-    Result missing = Tool("copy --user bob --protocol ftp /tmp/no-such-file /tmp/x");
-    EXPECT_EQ(1, missing.status);
-    EXPECT_TRUE(Has(missing.err, "cannot open /tmp/no-such-file"));
-}
-
-TEST_F(CliTest, ReloadSignalsTheWebDAVServerGroup)
-{
-    Result none = Tool("reload webdav");
-    EXPECT_EQ(1, none.status);
-    EXPECT_TRUE(Has(none.err, "WebDAV server is not running"));
-
-    Running server({"/bin/sleep", "30"});  // leads a process group of its own
+    EXPECT_TRUE(Has(Tool("reload webdav").err, "the WebDAV server is not running"));
+    EXPECT_EQ(1, Tool("reload lanternpost").status);  // nothing to reach
+    Running server({"/bin/sleep", "30"});             // leads a process group of its own
+    Running worker({"/bin/bash", "-c", "exec -a VESK.Lanternpost.Upload /bin/sleep 30"});
     vbw::MakeDirs("/run/httpd");
     vbw::WriteFile("/run/httpd/httpd-webdav.pid", std::to_string(server.Pid()) + "\n");
-    usleep(100000);
-    Result sent = Tool("reload webdav");
-    EXPECT_EQ(0, sent.status) << sent.err;
+    usleep(200000);
+    Result webdav = Tool("reload webdav");
+    EXPECT_EQ(0, webdav.status) << webdav.err;
+    EXPECT_TRUE(Has(webdav.out, "process group " + std::to_string(server.Pid()) + " (1 process)")) << webdav.out;
     EXPECT_EQ(128 + SIGUSR2, server.Wait().status);
-    EXPECT_EQ(0, Tool("reload lanternpost").status);
-    EXPECT_EQ(2, Tool("reload everything").status);
+    Result lanternpost = Tool("reload lanternpost");
+    EXPECT_EQ(0, lanternpost.status) << lanternpost.err;
+    EXPECT_TRUE(Has(lanternpost.out, "web file manager (pid " + std::to_string(worker.Pid()))) << lanternpost.out;
+    EXPECT_EQ(128 + SIGHUP, worker.Wait().status);
 }
 
-TEST_F(CliTest, DemoSharesTheGroupLimitAndKeepsCarolsOwn)
+TEST_F(CliTest, DemoRunsInASandboxOfItsOwnAndDrawsItsChart)
 {
-    double start = Seconds();
     Result demo = Tool("demo --seconds 3 --json");
-    EXPECT_LT(Seconds() - start, 8.0);
     ASSERT_EQ(0, demo.status) << demo.err;
     Json summary = ParseJson(demo.out);
-    EXPECT_EQ(1536, summary["group_limit_kbps"].number);
+    EXPECT_EQ(1536 * 1024, summary["group_limit_bytes_s"].number);
     ASSERT_EQ(3u, summary["transfers"].items.size());
-    for (const Json &t : summary["transfers"].items) {
-        double average = t["average_kbps"].number;
-        EXPECT_GE(average, t["fair_kbps"].number * 0.85) << t["user"].text;
-        if (t["user"].text == "carol") {
-            EXPECT_EQ(256, t["fair_kbps"].number);
-            EXPECT_NEAR(256.0, average, 256.0 * 0.1);
-        }
-    }
-    EXPECT_NEAR(1536.0, summary["aggregate_kbps"].number, 1536.0 * 0.1);
+    // The chart: well-formed SVG, a line per transfer, the two limits dashed.
+    const std::string chart = summary["chart"].text;
+    auto xml = [&chart](const std::string &option, const std::string &query) {
+        return Running({"/usr/bin/xmllint", option, query, chart}).Wait();
+    };
+    EXPECT_EQ(0, xml("--noout", "--nonet").status) << chart;
+    EXPECT_EQ(3, std::stoi(xml("--xpath", "count(//*[@class='series'])").out));
+    EXPECT_EQ(2, std::stoi(xml("--xpath", "count(//*[@class='limit'])").out));
+    EXPECT_TRUE(Has(xml("--xpath", "string(//*[@class='series'][3]/@data-label)").out, "carol"));
     // The demo ran in a sandbox of its own: nothing of it is left in this one.
     EXPECT_FALSE(vbw::Exists(kGlobalConf));
     EXPECT_FALSE(vbw::Exists("/tmp/bandwidth"));
