@@ -2,8 +2,13 @@
 #include "status_view.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <memory>
 
@@ -64,6 +69,22 @@ void WriteStatusFields(JsonWriter &json, const VESK_BANDWIDTH_STATUS &s)
         .Field("filename", std::string(s.filename));
 }
 
+// Why a status file in the directory cannot be read by this process, or "".
+std::string ReadProblem(int dirFd, const char *name)
+{
+    struct stat st;
+    if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        return std::strerror(errno);
+    }
+    if (!S_ISREG(st.st_mode)) {
+        return "not a regular file";
+    }
+    if (faccessat(dirFd, name, R_OK, AT_EACCESS) != 0) {
+        return std::strerror(errno);
+    }
+    return "";
+}
+
 }  // namespace
 
 std::vector<std::string> AllStatusFiles()
@@ -74,8 +95,16 @@ std::vector<std::string> AllStatusFiles()
         return files;
     }
     while (const struct dirent *entry = readdir(dir.get())) {
-        if (IsStatusFileName(entry->d_name)) {
-            files.push_back(kStatusDir + std::string(entry->d_name));
+        if (!IsStatusFileName(entry->d_name)) {
+            continue;
+        }
+        std::string path = kStatusDir + std::string(entry->d_name);
+        // The library passes over what it cannot read without a word; say so here.
+        std::string problem = ReadProblem(dirfd(dir.get()), entry->d_name);
+        if (problem.empty()) {
+            files.push_back(path);
+        } else {
+            Warn("cannot read " + path + " (" + problem + "); skipped");
         }
     }
     std::sort(files.begin(), files.end());

@@ -31,7 +31,7 @@ private:
     static bool Same(const Stamp &a, const Stamp &b);
 
     static constexpr int kFiles = 2;  // the protocol's limit file and the global file
-    char szPaths_[kFiles][BW_CONF_PATH_SIZE] = {};
+    char szPaths_[kFiles][kConfPathSize] = {};
     Stamp stamps_[kFiles] = {};
 };
 
