@@ -138,19 +138,6 @@ int64_t NowUs();
 // Writes all of the bytes, resuming after signals; false (errno set) on an error.
 bool WriteAll(int fd, const char *data, size_t size);
 
-// Runs a library call whose helper programs may write to stderr (the
-// simulator hangup runs killall) with stderr sent to /dev/null.
-class QuietStderr {
-public:
-    QuietStderr();
-    ~QuietStderr();
-    QuietStderr(const QuietStderr &) = delete;
-    QuietStderr &operator=(const QuietStderr &) = delete;
-
-private:
-    int saved_;
-};
-
 // ---------------------------------------------------------------------------
 // Simulated transfers, run by the library's simulator in child processes.
 

@@ -442,11 +442,7 @@ int RunGlobalSet(int argc, char **argv)
     if (plan) {
         StorePlan(global.szSchedulePlan, *plan);
     }
-    int stored;
-    {
-        QuietStderr quiet;  // the library's own simulator hangup runs killall
-        stored = VESKBandwidthGlobalConfSet(&global);
-    }
+    int stored = VESKBandwidthGlobalConfSet(&global);
     if (stored != 0) {
         FailLibrary("cannot store the global settings of " + ProtocolName(protocol));
     }

@@ -133,10 +133,7 @@ int ReloadWebDAV()
 
 int ReloadSimulators()
 {
-    {
-        QuietStderr quiet;  // the library's hangup runs killall, whose complaints are not ours
-        VESKBandwidthHupSimulator();
-    }
+    VESKBandwidthHupSimulator();
     std::vector<pid_t> reached = SignalSimulators();
     if (reached.empty()) {
         throw Error("no simulation or copy of this tool runs here (no other process named veskbandwidth in this "

@@ -148,72 +148,55 @@ void CatchHangups()
     sigaction(SIGHUP, &action, nullptr);
 }
 
-// One throttled transfer: its configuration and its status entries, from
-// registration to removal.
-class ThrottledTransfer {
+// One throttled transfer through a transfer session, from registration to
+// removal.  The session notices changed limit files by itself; a hangup
+// (reload simulators) makes it reload at once.
+class SessionTransfer {
 public:
-    ThrottledTransfer(const TransferRequest &a, const std::string &fileName) : direction_(a.direction)
+    SessionTransfer(const TransferRequest &a, const std::string &fileName)
     {
-        time_ = VESKBandwidthCurrTimeGet();
-        if (VESKBandwidthConfigGet(a.user.id, a.protocol, &config_) != 0) {
-            VESKBandwidthConfigFree(&config_);
-            FailLibrary("cannot read the limits of user " + a.user.name);
-        }
-        if (VESKBandwidthStatusInit(&config_, direction_, fileName.c_str(), &time_, &status_) != 0) {
-            VESKBandwidthConfigFree(&config_);
-            FailLibrary("cannot register the transfer");
+        if (VESKBandwidthSessionOpen(a.user.id, a.protocol, a.direction, fileName.c_str(), &session_) != 0) {
+            FailLibrary("cannot start the throttled transfer of user " + a.user.name);
         }
     }
-    ~ThrottledTransfer()
-    {
-        VESKBandwidthStatusRemove(&config_, static_cast<unsigned>(direction_));
-        VESKBandwidthConfigFree(&config_);
-    }
-    ThrottledTransfer(const ThrottledTransfer &) = delete;
-    ThrottledTransfer &operator=(const ThrottledTransfer &) = delete;
+    ~SessionTransfer() { VESKBandwidthSessionClose(session_); }
+    SessionTransfer(const SessionTransfer &) = delete;
+    SessionTransfer &operator=(const SessionTransfer &) = delete;
 
-    // Between chunks: a hangup rebuilds the configuration.
     void ReloadIfAsked()
     {
         if (g_reload == 0) {
             return;
         }
         g_reload = 0;
-        if (VESKBandwidthHupRecv(&config_, &status_, &time_) != 0) {
-            FailLibrary("cannot reload the limits");
+        if (VESKBandwidthSessionReload(session_) != 0) {
+            Warn("cannot reload the limits (" + LibraryErrorText() + "); the old ones stay in force");
         }
     }
-    uint64_t NextChunk(uint64_t wanted)
+    uint64_t NextChunk(uint64_t wanted) const
     {
-        uint64_t allowed = wanted;
-        if (VESKBandwidthTransferSizeEstimate(&config_, direction_, wanted, &allowed) != 0) {
-            FailLibrary("cannot estimate the next chunk");
-        }
-        return allowed;
+        uint64_t chunk = wanted;
+        VESKBandwidthSessionChunk(session_, &chunk);
+        return std::min(chunk, wanted);
     }
-    // After every chunk: sleeps as the limits require and publishes the status.
+    // After every chunk: sleeps until its bytes are due; ends a switched-off transfer.
     void Pass(uint64_t bytes, uint32_t progress)
     {
-        if (VESKBandwidthSleepInLoop(&config_, bytes, progress, &time_, &status_) != 0) {
-            if (VLIBCErrGet() == BW_ERR_DEACTIVATED) {
-                throw Error("the transfer was deactivated", 1);
-            }
-            FailLibrary("the throttled transfer failed");
+        VESKBandwidthSessionProgressSet(session_, progress);
+        if (VESKBandwidthSessionPace(session_, bytes) != 0) {
+            throw Error("the transfer was deactivated", 1);
         }
     }
     // The speed the limits allow now, bytes/s; 0 while it is not limited.
     uint64_t AllowedSpeed() const
     {
-        bool limited =
-            config_.globalConf.iState != VESK_BW_STATE_NOTEXISTED && VESKBandwidthConfCheckEnabled(&config_) == 1;
-        return limited ? status_.expect_speed : 0;
+        uint64_t speed = 0;
+        VESKBandwidthSessionSpeedGet(session_, &speed);
+        return speed;
     }
 
 private:
-    VESK_BANDWIDTH_CONFIG config_ = {};
-    VESK_BANDWIDTH_STATUS status_ = {};
-    int64_t time_ = 0;
-    int direction_;
+    VESK_BANDWIDTH_SESSION *session_ = nullptr;
 };
 
 // The source of the copy: a file, or standard input for "-".
@@ -373,12 +356,12 @@ int RunCopy(int argc, char **argv)
     CatchHangups();
     signal(SIGPIPE, SIG_IGN);  // a closed reader is a write error, and the entries are still removed
 
-    const size_t kRequest = 64 * 1024;
+    const size_t kRequest = 4 << 20;  // the session's chunk is smaller unless the transfer is fast
     std::vector<char> buffer(kRequest);
     uint64_t done = 0, sampledBytes = 0;
     const int64_t start = NowUs();
     int64_t sampledUs = start;
-    ThrottledTransfer transfer(request, StatusFileName(in, out, request.direction));
+    SessionTransfer transfer(request, StatusFileName(in, out, request.direction));
     while (!StopRequested()) {
         transfer.ReloadIfAsked();
         size_t got = in.Read(buffer.data(), static_cast<size_t>(transfer.NextChunk(kRequest)));

@@ -256,7 +256,8 @@ std::string PickupHint(int protocol)
     return "Running " + name +
            " transfers that use the transfer session (and 'veskbandwidth run') notice the "
            "changed limit file within about 200 ms by themselves; services that call the library per chunk take it "
-           "up at their next SIGHUP; simulations and copies of this tool: veskbandwidth reload simulators.";
+           "up at their next SIGHUP; simulations of this tool: veskbandwidth reload simulators (its copies notice by "
+           "themselves).";
 }
 
 std::string EnumName(const VESK_BW_ENUM_ENTRY *table, int value)

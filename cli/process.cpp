@@ -179,21 +179,4 @@ bool WriteAll(int fd, const char *data, size_t size)
     return true;
 }
 
-QuietStderr::QuietStderr() : saved_(dup(STDERR_FILENO))
-{
-    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null >= 0) {
-        dup2(null, STDERR_FILENO);
-        close(null);
-    }
-}
-
-QuietStderr::~QuietStderr()
-{
-    if (saved_ >= 0) {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
-}
-
 }  // namespace cli

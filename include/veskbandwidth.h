@@ -554,6 +554,11 @@ VESK_API int VESKBandwidthSessionPace(VESK_BANDWIDTH_SESSION *pSession, uint64_t
  * is not limited).  0, or -1 for a NULL argument. */
 VESK_API int VESKBandwidthSessionChunk(VESK_BANDWIDTH_SESSION *pSession, uint64_t *pcbChunk);
 
+/* The speed the transfer is paced at now, bytes per second, into *pSpeedBps:
+ * its share found by the last shared pass, or 0 while it is not limited.  0,
+ * or -1 for a NULL argument. */
+VESK_API int VESKBandwidthSessionSpeedGet(const VESK_BANDWIDTH_SESSION *pSession, uint64_t *pSpeedBps);
+
 /* The progress (1/10000, 10000 = done) published with the next shared pass,
  * for the status view.  0, or -1 for a NULL session. */
 VESK_API int VESKBandwidthSessionProgressSet(VESK_BANDWIDTH_SESSION *pSession, uint32_t progress);

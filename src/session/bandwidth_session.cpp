@@ -41,6 +41,7 @@ struct VESK_BANDWIDTH_SESSION {
     int Open(uid_t uid, int protocol_type, int transfer_type, const char *szFileName);
     int Pace(uint64_t cbMoved);
     uint64_t Chunk() const;
+    uint64_t Speed() const { return pacer_.Rate(); }
     void SetProgress(uint32_t progress) { progress_ = progress; }
     // A reload asked for by the caller: what is read now needs no notice later.
     int ReloadNow()
@@ -323,6 +324,15 @@ int VESKBandwidthSessionChunk(VESK_BANDWIDTH_SESSION *pSession, uint64_t *pcbChu
         return -1;
     }
     *pcbChunk = pSession->Chunk();
+    return 0;
+}
+
+int VESKBandwidthSessionSpeedGet(const VESK_BANDWIDTH_SESSION *pSession, uint64_t *pSpeedBps)
+{
+    if (!VESK_ARG_OK(pSession != nullptr) || !VESK_ARG_OK(pSpeedBps != nullptr)) {
+        return -1;
+    }
+    *pSpeedBps = pSession->Speed();
     return 0;
 }
 
