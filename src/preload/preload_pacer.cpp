@@ -65,6 +65,7 @@ std::atomic<Role> gLearnedRole{Role::kUnknown};
 // Everything below is used under gLock.
 std::mutex gLock;
 Direction gDirections[2];  // upload, download
+std::atomic<int> gOpenSessions{0};  // read without the lock on the way out
 pid_t gPid = 0;
 int64_t gLastCheckNs = 0;
 
@@ -106,22 +107,34 @@ void CloseSession(Direction *direction)
 {
     VESKBandwidthSessionClose(direction->session);
     direction->session = nullptr;
+    gOpenSessions.fetch_sub(1, std::memory_order_relaxed);
+}
+
+// Closes the sessions of this process (not those a forked child inherited),
+// which removes their entries.
+void CloseSessions()
+{
+    if (tInLibrary || gOpenSessions.load(std::memory_order_relaxed) == 0) {
+        return;
+    }
+    LibraryScope scope;
+    std::lock_guard<std::mutex> hold(gLock);
+    bool own = gPid == getpid();
+    for (Direction &direction : gDirections) {
+        if (direction.session != nullptr && own) {
+            CloseSession(&direction);
+        }
+        direction = Direction();
+    }
+    gOpenSessions.store(0, std::memory_order_relaxed);
 }
 
 // Once the process has no paced socket left, its transfers have ended: their
 // entries go, and the next connection starts afresh.
 void CloseIdleSessions()
 {
-    if (tInLibrary || gTable.PacedCount() > 0) {
-        return;
-    }
-    LibraryScope scope;
-    std::lock_guard<std::mutex> hold(gLock);
-    for (Direction &direction : gDirections) {
-        if (direction.session != nullptr && gPid == getpid()) {
-            CloseSession(&direction);
-        }
-        direction = Direction();
+    if (gTable.PacedCount() == 0) {
+        CloseSessions();
     }
 }
 
@@ -132,6 +145,7 @@ void ForgetSessions()
     for (Direction &direction : gDirections) {
         direction = Direction();
     }
+    gOpenSessions.store(0, std::memory_order_relaxed);
 }
 
 void ForkPrepare()
@@ -210,6 +224,8 @@ Direction *SessionFor(int fd, int transferType)
         if (VESKBandwidthSessionOpen(uid, gSettings.protocol, transferType, name.c_str(), &direction.session) != 0) {
             direction.session = nullptr;
             direction.openFailed = true;
+        } else {
+            gOpenSessions.fetch_add(1, std::memory_order_relaxed);
         }
         direction.uid = uid;
     }
@@ -362,6 +378,11 @@ void OnReceived(const struct msghdr *message)
     }
 }
 
+void OnExit()
+{
+    CloseSessions();
+}
+
 void OnEffectiveUid(uid_t euid)
 {
     gEuid.store(euid, std::memory_order_relaxed);
@@ -374,11 +395,7 @@ namespace {
 // process's entries when it exits.
 struct Starter {
     Starter() { StartPacer(); }
-    ~Starter()
-    {
-        gTable.ForgetRange(0, FdTable::kSize - 1);
-        CloseIdleSessions();
-    }
+    ~Starter() { CloseSessions(); }
 } gStarter;
 
 }  // namespace

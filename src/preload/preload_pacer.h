@@ -61,6 +61,10 @@ void OnClosedRange(unsigned first, unsigned last);
 void OnDuplicated(int from, int to);
 void OnReceived(const struct msghdr *message);  // descriptors passed in (SCM_RIGHTS)
 void OnEffectiveUid(uid_t euid);
+// The process ends by _exit (exit runs the library's destructor instead):
+// its entries are removed.  A vfork child, sharing its parent's memory,
+// removes nothing.
+void OnExit();
 
 }  // namespace preload
 

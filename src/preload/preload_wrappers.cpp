@@ -61,6 +61,8 @@ Next<int (*)(int, int, int)> gDup3("dup3");
 Next<int (*)(unsigned int, unsigned int, int)> gCloseRange("close_range");
 Next<void (*)(int)> gClosefrom("closefrom");
 Next<int (*)(FILE *)> gFclose("fclose");
+Next<void (*)(int)> gExit("_exit");
+Next<void (*)(int)> gExitNow("_Exit");
 Next<int (*)(uid_t)> gSetuid("setuid");
 Next<int (*)(uid_t)> gSeteuid("seteuid");
 Next<int (*)(uid_t, uid_t)> gSetreuid("setreuid");
@@ -385,6 +387,20 @@ VESK_API int fclose(FILE *stream)
     int fd = fileno(stream);
     preload::OnClosed(fd);
     return gFclose.Get()(stream);
+}
+
+VESK_API void _exit(int status)
+{
+    preload::OnExit();
+    gExit.Get()(status);
+    __builtin_unreachable();
+}
+
+VESK_API void _Exit(int status) noexcept
+{
+    preload::OnExit();
+    gExitNow.Get()(status);
+    __builtin_unreachable();
 }
 
 VESK_API int setuid(uid_t uid) noexcept

@@ -98,7 +98,11 @@ bool MountOverlay(const std::string &dir, const std::string &name, bool userns, 
     std::string base = std::string(kStaging) + "/" + name;
     std::string upper = base + "/upper";
     std::string work = base + "/work";
-    if (mkdir(base.c_str(), 0700) != 0 || mkdir(upper.c_str(), 0755) != 0 || mkdir(work.c_str(), 0700) != 0) {
+    // The overlay's root takes the upper directory's mode: that of `dir`
+    // (/tmp stays 1777, so that every user can create files in it).
+    struct stat lower;
+    if (stat(dir.c_str(), &lower) != 0 || mkdir(base.c_str(), 0700) != 0 || mkdir(upper.c_str(), 0755) != 0 ||
+        chmod(upper.c_str(), lower.st_mode & 07777) != 0 || mkdir(work.c_str(), 0700) != 0) {
         *error = Errno("mkdir " + base);
         return false;
     }
