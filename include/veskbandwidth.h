@@ -306,6 +306,101 @@ VESK_API int VESKBandwidthHupSimulator(void);
 VESK_API int VESKBandwidthHupRecv(VESK_BANDWIDTH_CONFIG *pConfig, VESK_BANDWIDTH_STATUS *pStatus, int64_t *pTime);
 VESK_API int VESKBandwidthSimulate(const char *szUserName, int protocol_type, int transfer_type, size_t size);
 
+/* ------------------------------------------------------------------------
+ * Transfer sessions: the recommended way for a service to throttle a
+ * transfer.  A service opens a session once per transfer, tells it after
+ * every I/O how many bytes it moved, and closes it at the end:
+ *
+ *     VESKBandwidthSessionOpen(uid, VESK_BW_PROTOCOL_FTP, VESK_BW_TRANSFER_DOWNLOAD, path, &session);
+ *     for (;;) {
+ *         VESKBandwidthSessionChunk(session, &chunk);
+ *         n = read(in, buf, min(chunk, sizeof buf));  ... write(out, buf, n) ...
+ *         if (VESKBandwidthSessionPace(session, n) != 0) break;   (switched off)
+ *     }
+ *     VESKBandwidthSessionClose(session);
+ *
+ * The session keeps the transfer at the speed it may have among the other
+ * transfers under the same limits: bytes are due at absolute deadlines on
+ * the monotonic clock, so that a late wake-up is made up by the next wait
+ * instead of lost.  A caller that was idle gets no credit for it beyond a few
+ * milliseconds of data.  About five times a second, at a Pace, the session
+ * runs the shared pass: the sleep loop (VESKBandwidthSleepInLoop) with the
+ * bytes moved since the previous pass, which publishes the transfer's
+ * measured speed in the status files, works out its new speed under the
+ * policies, re-resolves schedules when the local hour changed, and notices a
+ * switch-off.  The per-chunk calls above stay available and unchanged.
+ *
+ * Limits in force change only at a shared pass, so within about 200 ms:
+ * - a limit that ends (by schedule, a switched-off protocol, a rate of 0 or
+ *   a protocol without a global record) makes pacing free, and the
+ *   transfer's entries leave the status files; bytes moved while free are
+ *   never charged later;
+ * - a limit that begins (by schedule, or after a reload) paces the bytes
+ *   moved from that pass on;
+ * - when the protocol's limit file or the global file changes (device,
+ *   inode, size or times), the session reloads them by itself, as
+ *   VESKBandwidthSessionReload does; no signal is needed;
+ * - when the transfer's speed drops because others join, the bytes of the
+ *   last interval are charged at the new speed, so that the transfers under
+ *   one limit keep to it together.
+ *
+ * Shared files that cannot be read or written (a broken status directory, a
+ * full disk, a file planted by another user) do not end the transfer: the
+ * session logs once, paces at the configured rate of its limits (not shared)
+ * and tries the shared pass again after 1 s, then after pauses that double
+ * up to 30 s, until it works again.  Only a switch-off by another process
+ * (VESKBandwidthStatusSetActiveByUserName) ends it.
+ *
+ * Ownership and threads: Open allocates the session and the caller owns it
+ * until Close, which releases it on every path.  A session is used by one
+ * thread at a time, and the library as a whole by one thread at a time per
+ * process (the shared pass keeps process-wide state).  A child process that
+ * inherits a session through fork() registers a transfer of its own at its
+ * first shared pass.  Units: bytes, bytes per second, progress in 1/10000.
+ * ---------------------------------------------------------------------- */
+
+typedef struct VESK_BANDWIDTH_SESSION VESK_BANDWIDTH_SESSION;
+
+/* Builds the configuration of uid for the protocol (VESKBandwidthConfigGet),
+ * registers the transfer (VESKBandwidthStatusInit) under szFileName, and
+ * stores the new session in *ppSession.  0, or -1 with *ppSession untouched
+ * and the error state set: BW_ERR_BAD_PARAMETERS (a NULL argument, a
+ * transfer type other than upload or download, or a uid or protocol that
+ * VESKBandwidthConfigGet refuses), BW_ERR_OUT_OF_MEMORY, or
+ * the code of the configuration read that failed.  A registration that fails
+ * on the status files does not fail the open (see above). */
+VESK_API int VESKBandwidthSessionOpen(uid_t uid, int protocol_type, int transfer_type, const char *szFileName,
+                                      VESK_BANDWIDTH_SESSION **ppSession);
+
+/* Called after the caller moved cbMoved more bytes (0 is allowed): sleeps
+ * until those bytes are due at the transfer's current speed, and runs the
+ * shared pass when its interval has passed.  0: go on.  -1: end the
+ * transfer; BW_ERR_DEACTIVATED when another process switched it off (every
+ * later Pace returns -1 too), BW_ERR_BAD_PARAMETERS for a NULL session.  A
+ * transfer that is not limited costs one clock read per Pace between passes. */
+VESK_API int VESKBandwidthSessionPace(VESK_BANDWIDTH_SESSION *pSession, uint64_t cbMoved);
+
+/* The size of the next I/O that keeps pacing smooth: about 10 ms of data at
+ * the current speed, at least 4 KiB and at most 4 MiB (4 MiB when the
+ * transfer is not limited).  0, or -1 for a NULL argument. */
+VESK_API int VESKBandwidthSessionChunk(VESK_BANDWIDTH_SESSION *pSession, uint64_t *pcbChunk);
+
+/* The progress (1/10000, 10000 = done) published with the next shared pass,
+ * for the status view.  0, or -1 for a NULL session. */
+VESK_API int VESKBandwidthSessionProgressSet(VESK_BANDWIDTH_SESSION *pSession, uint32_t progress);
+
+/* Rebuilds the configuration at once, as a reload signal would
+ * (VESKBandwidthHupRecv), and runs the shared pass at the next Pace, so that
+ * changed limits apply from there.  When the status files keep the receiver
+ * from withdrawing the old entries, the configuration is still rebuilt.  0,
+ * or -1 when the configuration cannot be read (the old one stays in force). */
+VESK_API int VESKBandwidthSessionReload(VESK_BANDWIDTH_SESSION *pSession);
+
+/* Removes the transfer's entries from the status files
+ * (VESKBandwidthStatusRemove) and releases the session, also when the
+ * removal fails.  NULL is accepted (0).  0, or -1 when the removal failed. */
+VESK_API int VESKBandwidthSessionClose(VESK_BANDWIDTH_SESSION *pSession);
+
 #ifdef __cplusplus
 }
 #endif
