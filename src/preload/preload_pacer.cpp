@@ -25,6 +25,7 @@ namespace {
 
 constexpr int64_t kCheckIntervalNs = 200 * 1000 * 1000;  // how often the effective uid is read again
 constexpr int kMinReceiveBuffer = 64 * 1024;
+constexpr uint64_t kChunksPerHalfSecond = 50;
 // What a direction moves before its session opens: requests, commands and
 // replies never register as transfers; bulk data is paced from here on.
 constexpr uint64_t kUnpacedBytes = 64 * 1024;
@@ -110,8 +111,8 @@ void CloseSession(Direction *direction)
     gOpenSessions.fetch_sub(1, std::memory_order_relaxed);
 }
 
-// Closes the sessions of this process (not those a forked child inherited),
-// which removes their entries.
+// Closes the sessions, which removes their entries.  A vfork child shares its
+// parent's memory and sessions: it leaves them alone.
 void CloseSessions()
 {
     if (tInLibrary || gOpenSessions.load(std::memory_order_relaxed) == 0) {
@@ -119,14 +120,15 @@ void CloseSessions()
     }
     LibraryScope scope;
     std::lock_guard<std::mutex> hold(gLock);
-    bool own = gPid == getpid();
+    if (gPid != getpid()) {
+        return;
+    }
     for (Direction &direction : gDirections) {
-        if (direction.session != nullptr && own) {
+        if (direction.session != nullptr) {
             CloseSession(&direction);
         }
         direction = Direction();
     }
-    gOpenSessions.store(0, std::memory_order_relaxed);
 }
 
 // Once the process has no paced socket left, its transfers have ended: their
@@ -136,16 +138,6 @@ void CloseIdleSessions()
     if (gTable.PacedCount() == 0) {
         CloseSessions();
     }
-}
-
-// A forked child must not touch its parent's entries: it drops the parent's
-// sessions without closing them and opens its own.
-void ForgetSessions()
-{
-    for (Direction &direction : gDirections) {
-        direction = Direction();
-    }
-    gOpenSessions.store(0, std::memory_order_relaxed);
 }
 
 void ForkPrepare()
@@ -158,27 +150,25 @@ void ForkParent()
     gLock.unlock();
 }
 
+// A forked child keeps the sessions it inherits: each registers a transfer
+// of the child's own at its first shared pass, and closing it removes only
+// the child's entries.
 void ForkChild()
 {
-    ForgetSessions();
-    gPid = 0;
+    // A child that passes through makes no system call here (seccomp).
+    gPid = gOpenSessions.load(std::memory_order_relaxed) > 0 ? getpid() : 0;
     gLock.unlock();
 }
 
-// Run under the lock before each paced call: a new process (fork without the
-// handlers, as _Fork and clone do) and, now and then, the effective uid.
+// Run under the lock before each paced call, every 200 ms: the process id
+// (a child made by _Fork or clone skips the fork handlers) and the effective
+// uid (a raw system call may have changed it).
 void CheckProcess()
 {
-    pid_t pid = getpid();
-    if (pid != gPid) {
-        if (gPid != 0) {
-            ForgetSessions();
-        }
-        gPid = pid;
-    }
     int64_t now = MonotonicNs();
-    if (now - gLastCheckNs >= kCheckIntervalNs) {
+    if (now - gLastCheckNs >= kCheckIntervalNs || gPid == 0) {
         gLastCheckNs = now;
+        gPid = getpid();
         gEuid.store(geteuid(), std::memory_order_relaxed);
         for (Direction &direction : gDirections) {
             direction.openFailed = false;
@@ -234,12 +224,13 @@ Direction *SessionFor(int fd, int transferType)
 
 // A receiving socket whose kernel buffer grows to megabytes would let an
 // uploader send that much before pacing holds it back: the buffer is held to
-// two chunks (at least 64 KiB, which still covers the round trip of a
-// network at the paced speed).
+// about half a second of data at the paced speed (a chunk is about 10 ms of
+// it), which still covers the round trip of any network, and at least 64 KiB.
 void ClampReceiveBuffer(int fd, uint64_t chunk)
 {
     gTable.SetClamped(fd);
-    int target = static_cast<int>(std::min<uint64_t>(std::max<uint64_t>(2 * chunk, kMinReceiveBuffer), INT32_MAX / 2));
+    uint64_t halfSecond = kChunksPerHalfSecond * chunk;
+    int target = static_cast<int>(std::min<uint64_t>(std::max<uint64_t>(halfSecond, kMinReceiveBuffer), INT32_MAX / 2));
     int current = 0;
     socklen_t size = sizeof current;
     // The kernel reports twice what was set.
