@@ -21,6 +21,14 @@ need libbenchmark-dev test -f /usr/include/benchmark/benchmark.h
 need pv               command -v pv
 need psmisc           command -v killall
 need util-linux       command -v unshare
+# Real servers and clients that the preload library's tests and benchmark run.
+need rsync            command -v rsync
+need vsftpd           test -x /usr/sbin/vsftpd
+need openssh-server   test -x /usr/sbin/sshd
+need openssh-client   command -v sftp
+need curl             command -v curl
+need trickle          command -v trickle
+need python3          command -v python3
 # The fuzz targets (make fuzz): clang, its libFuzzer runtime, and the
 # symbolizer for readable crash reports.
 need clang            command -v clang

@@ -26,6 +26,12 @@ namespace {
 constexpr int64_t kCheckIntervalNs = 200 * 1000 * 1000;  // how often the effective uid is read again
 constexpr int kMinReceiveBuffer = 64 * 1024;
 constexpr uint64_t kChunksPerHalfSecond = 50;
+// Calls are paced in groups of at least two chunks (about 20 ms of data): a
+// program that reads 16 KiB at a time then sleeps once per group, not once
+// per call.  A chunk at the session's floor of 4 KiB is already more than
+// 10 ms of data and is paced alone, so that slow transfers stay smooth.
+constexpr uint64_t kChunkFloor = 4096;
+constexpr uint64_t kChunksPerPace = 2;
 // What a direction moves before its session opens: requests, commands and
 // replies never register as transfers; bulk data is paced from here on.
 constexpr uint64_t kUnpacedBytes = 64 * 1024;
@@ -55,6 +61,8 @@ struct Direction {
     uid_t uid = UID_ERR;
     bool openFailed = false;  // not tried again before the next check
     uint64_t unpaced = 0;     // bytes moved before the session opened
+    uint64_t chunk = 0;       // the session's chunk at the last call
+    uint64_t owed = 0;        // bytes moved since the last Pace
 };
 
 Settings gSettings;
@@ -299,6 +307,7 @@ size_t BeginMove(int fd, Way way, size_t want)
     if (way == Way::kReceive && !gTable.Clamped(fd)) {
         ClampReceiveBuffer(fd, chunk);
     }
+    direction->chunk = chunk;
     return static_cast<size_t>(std::min<uint64_t>(want, chunk));
 }
 
@@ -311,7 +320,14 @@ bool EndMove(int fd, Way way, size_t moved)
         direction.unpaced += moved;
         return true;
     }
-    if (VESKBandwidthSessionPace(direction.session, moved) == 0 ||
+    direction.owed += moved;
+    uint64_t group = direction.chunk > kChunkFloor ? kChunksPerPace * direction.chunk : direction.chunk;
+    if (direction.owed < group) {
+        return true;
+    }
+    uint64_t owed = direction.owed;
+    direction.owed = 0;
+    if (VESKBandwidthSessionPace(direction.session, owed) == 0 ||
         VLIBCErrGet() != BW_ERR_DEACTIVATED) {
         return true;
     }
