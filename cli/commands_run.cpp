@@ -294,9 +294,11 @@ void SetUpEnvironment(const Args &args)
         }
         SetVariable("VESKBANDWIDTH_ROLE", role);
     }
+    // Libraries the caller preloads already keep their place ahead of ours
+    // (a sanitizer's runtime must come first).
     const char *preloaded = getenv("LD_PRELOAD");
     std::string preload = PreloadLibrary();
-    SetVariable("LD_PRELOAD", preloaded != nullptr && *preloaded != '\0' ? preload + ":" + preloaded : preload);
+    SetVariable("LD_PRELOAD", preloaded != nullptr && *preloaded != '\0' ? std::string(preloaded) + ":" + preload : preload);
 }
 
 // Splits the arguments into run's options and the command: the command starts
