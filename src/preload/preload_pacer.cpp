@@ -19,6 +19,7 @@
 #include "preload_fd_table.h"
 #include "preload_settings.h"
 #include "veskbandwidth.h"
+#include "vesk_log.h"
 
 namespace preload {
 namespace {
@@ -77,6 +78,7 @@ Direction gDirections[2];  // upload, download
 std::atomic<int> gOpenSessions{0};  // read without the lock on the way out
 pid_t gPid = 0;
 int64_t gLastCheckNs = 0;
+bool gOpenFailureLogged = false;  // once per process: a chroot would repeat it
 
 int64_t MonotonicNs()
 {
@@ -220,6 +222,11 @@ Direction *SessionFor(int fd, int transferType)
     if (direction.session == nullptr && !direction.openFailed && direction.unpaced >= kUnpacedBytes) {
         std::string name = TransferName(fd);
         if (VESKBandwidthSessionOpen(uid, gSettings.protocol, transferType, name.c_str(), &direction.session) != 0) {
+            if (!gOpenFailureLogged) {
+                VESK_LOG("VESKBandwidthSessionOpen failed, unthrottled for now. uid:[%u] [0x%04X %s:%d]", uid,
+                         VESK_ERR_ARGS);
+                gOpenFailureLogged = true;
+            }
             direction.session = nullptr;
             direction.openFailed = true;
         } else {

@@ -11,8 +11,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "veskbandwidth.h"
-
 namespace preload {
 namespace {
 
@@ -53,7 +51,7 @@ bool ParseUid(const char *text, uid_t *uid)
     char *end = nullptr;
     errno = 0;
     unsigned long value = strtoul(text, &end, 10);
-    if (errno != 0 || *end != '\0' || value >= (uid_t)-1) {
+    if (errno != 0 || *end != '\0' || value >= UID_ERR) {
         return false;
     }
     *uid = static_cast<uid_t>(value);
@@ -164,7 +162,7 @@ Settings ReadSettings()
     settings.role = RoleOfName(getenv(kRoleVariable));
     settings.programRole = entry != nullptr && entry->role == Role::kServer ? Role::kServer : Role::kClient;
     if (!ParseUid(getenv(kUserVariable), &settings.fixedUser)) {
-        settings.fixedUser = (uid_t)-1;
+        settings.fixedUser = UID_ERR;
     }
     settings.passThrough = ReadPassThrough();
     return settings;
@@ -172,7 +170,7 @@ Settings ReadSettings()
 
 bool PassesThrough(const Settings &settings, uid_t euid)
 {
-    if (settings.fixedUser != (uid_t)-1) {
+    if (settings.fixedUser != UID_ERR) {
         return false;
     }
     if (euid == 0) {

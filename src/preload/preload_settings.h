@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "veskbandwidth.h"
+
 namespace preload {
 
 // Set by `veskbandwidth run`; absent variables leave the choice to the library.
@@ -25,7 +27,7 @@ struct Settings {
     int protocol = 0;                  // 0: not throttled at all
     Role role = Role::kUnknown;        // forced role, or kUnknown
     Role programRole = Role::kClient;  // the role its name suggests
-    uid_t fixedUser = (uid_t)-1;       // throttled as this user whatever its euid
+    uid_t fixedUser = UID_ERR;         // throttled as this user whatever its euid
     std::vector<uid_t> passThrough;    // empty: the system accounts (below 1000, and 65534)
     std::string program;               // short name of the program
 };
