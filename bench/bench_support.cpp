@@ -38,25 +38,6 @@ const char kGroupFile[] =
 
 const char kStatusDir[] = "/tmp/bandwidth";
 
-// A closed descriptor on every path out.
-struct Fd {
-    int fd;
-    explicit Fd(int f) : fd(f) {}
-    ~Fd()
-    {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-};
-
-std::string Errno(const std::string &what)
-{
-    return what + ": " + std::strerror(errno);
-}
-
 // Drops the stored limits of the benchmark's protocol, so that a scenario
 // sees only the limit it writes.
 void ForgetLimits()
@@ -103,6 +84,8 @@ void StoreLimit(VESK_BW_OWNER_TYPE ownerType, unsigned id, uint64_t kbps)
     CheckLibrary(VESKBandwidthConfSetByID(&conf), "VESKBandwidthConfSetByID");
 }
 
+constexpr size_t kErrorSize = 256;
+
 // Reads or writes (`io`) all `size` bytes, resuming after short counts and
 // interruptions; false on failure or an early end of file.
 template <typename Byte, typename Io>
@@ -122,6 +105,20 @@ bool TransferAll(int fd, Byte *data, size_t size, Io io)
     return true;
 }
 
+}  // namespace
+
+std::string Errno(const std::string &what)
+{
+    return what + ": " + std::strerror(errno);
+}
+
+Fd::~Fd()
+{
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
 bool WriteAll(int fd, const char *data, size_t size)
 {
     return TransferAll(fd, data, size, write);
@@ -131,10 +128,6 @@ bool ReadAll(int fd, char *data, size_t size)
 {
     return TransferAll(fd, data, size, read);
 }
-
-constexpr size_t kErrorSize = 256;
-
-}  // namespace
 
 std::string LibraryError(const std::string &what)
 {

@@ -29,6 +29,22 @@ struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// A closed descriptor on every path out.
+struct Fd {
+    int fd;
+    explicit Fd(int f) : fd(f) {}
+    ~Fd();
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+};
+
+// Writes or reads all `size` bytes, resuming after short counts and
+// interruptions; false on failure or an early end of file.
+bool WriteAll(int fd, const char *data, size_t size);
+bool ReadAll(int fd, char *data, size_t size);
+
+// "what: <text of errno>".
+std::string Errno(const std::string &what);
 // "what failed: error 0x0900 at file.cpp:42", from the platform's error state.
 std::string LibraryError(const std::string &what);
 // Throws that Failure when a library call did not return 0.

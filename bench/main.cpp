@@ -1,7 +1,9 @@
 // vbw-bench: how closely the library holds a limit, how fairly it shares one,
-// and what it costs per chunk.  Runs itself in the private sandbox.
+// and what it costs per chunk; then the same for transfer sessions, with
+// pv -L as the reference.  Runs itself in the private sandbox.
 // Usage: vbw-bench [--quick] [--json]
 #include "scenarios.h"
+#include "session_scenarios.h"
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -26,6 +28,16 @@ struct Machine {
     std::string kernel;
 };
 
+constexpr int kStreamRates = 3;
+
+struct SessionFigures {
+    StreamResult streams[kStreamRates];
+    bool pv;  // pv installed: pvStreams hold its figures at the same rates
+    StreamResult pvStreams[kStreamRates];
+    SessionSharingResult sharing;
+    double cpuShare10g;
+};
+
 struct Figures {
     Machine machine;
     bool quick;
@@ -33,11 +45,14 @@ struct Figures {
     SharingResult sharing;
     PassCostResult passCost[3];
     CeilingResult ceiling;
+    SessionFigures session;
 };
 
 constexpr uint64_t kAccuracyLimitsKBps[2] = {512, 8192};
 constexpr uint64_t kSharingLimitKBps = 1024;
 constexpr int kPassCostEntries[3] = {1, 16, 64};
+constexpr uint64_t kStreamLimitsKBps[kStreamRates] = {512, 8192, 65536};
+constexpr uint64_t kSessionSharingLimitKBps = 3072;
 
 bool ParseOptions(int argc, char **argv, Options *options)
 {
@@ -75,6 +90,30 @@ void Note(const char *what)
     std::fprintf(stderr, "vbw-bench: %s\n", what);
 }
 
+std::string Rate(uint64_t limitKBps)
+{
+    return limitKBps < 1024 ? std::to_string(limitKBps) + " KiB/s" : std::to_string(limitKBps / 1024) + " MiB/s";
+}
+
+SessionFigures MeasureSessions(const Durations &d)
+{
+    SessionFigures f{};
+    f.pv = PvInstalled();
+    for (int i = 0; i < kStreamRates; ++i) {
+        Note(("session stream at " + Rate(kStreamLimitsKBps[i])).c_str());
+        f.streams[i] = MeasureSessionStream(kStreamLimitsKBps[i], d.streamSeconds);
+        if (f.pv) {
+            Note(("pv -L stream at " + Rate(kStreamLimitsKBps[i])).c_str());
+            f.pvStreams[i] = MeasurePvStream(kStreamLimitsKBps[i], d.streamSeconds);
+        }
+    }
+    Note("session sharing among three users, one joining late");
+    f.sharing = MeasureSessionSharing(kSessionSharingLimitKBps, d.joinSeconds, d.joinedSeconds);
+    Note("session CPU share at 1.25 GB/s");
+    f.cpuShare10g = MeasureSessionCpuShare10g(d.cpuShareSeconds);
+    return f;
+}
+
 Figures Measure(bool quick)
 {
     Durations d = DurationsFor(quick);
@@ -93,6 +132,7 @@ Figures Measure(bool quick)
     }
     Note("ceiling");
     f.ceiling = MeasureCeiling(d.ceilingCpuSeconds, d.rounds);
+    f.session = MeasureSessions(d);
     return f;
 }
 
@@ -107,6 +147,49 @@ double LinearPrediction64(const Figures &f)
 {
     double perEntry = (f.passCost[1].passUs - f.passCost[0].passUs) / 15.0;
     return f.passCost[0].passUs + perEntry * 63.0;
+}
+
+void PrintStreamRow(const char *who, const StreamResult &r)
+{
+    std::printf("  %-8s %12llu %9.5f %11.3f %11.3f %11.3f\n", who, static_cast<unsigned long long>(r.limitBps),
+                r.ratio, r.cpuMsPerMiB, r.win100Min, r.win100Max);
+}
+
+void PrintSessionSummary(const SessionFigures &f)
+{
+    std::printf("\nSessions: one download read from /dev/zero into a pipe, measured by its reader;\n"
+                "pv -L at the same rate as the reference\n");
+    std::printf("  %-8s %12s %9s %11s %11s %11s\n", "", "limit B/s", "ratio", "cpu ms/MiB", "win100 min",
+                "win100 max");
+    for (int i = 0; i < kStreamRates; ++i) {
+        PrintStreamRow("session", f.streams[i]);
+        if (f.pv) {
+            PrintStreamRow("pv -L", f.pvStreams[i]);
+        }
+    }
+    bool accurate = true;
+    bool smooth = true;
+    for (const StreamResult &r : f.streams) {
+        accurate = accurate && r.ratio >= 0.999 && r.ratio <= 1.001;
+        smooth = smooth && r.win100Min >= 0.8 && r.win100Max <= 1.2;
+    }
+    std::printf("  ratio 0.999..1.001: %s; windows 0.8..1.2: %s; CPU at 8 MiB/s <= pv -L's: %s\n", Verdict(accurate),
+                Verdict(smooth),
+                f.pv ? Verdict(f.streams[1].cpuMsPerMiB <= f.pvStreams[1].cpuMsPerMiB) : "no pv installed");
+
+    const SessionSharingResult &s = f.sharing;
+    std::printf("\nSession sharing: 3 users under a group limit of %llu B/s, the third joining late;\n"
+                "over the time all three ran:",
+                static_cast<unsigned long long>(s.limitBps));
+    for (double bps : s.userBps) {
+        std::printf(" %.0f", bps);
+    }
+    std::printf(" B/s\n  aggregate ratio %.4f (target 0.99..1.01: %s), jain %.5f (target >= 0.999: %s),\n"
+                "  newcomer at its share after %.2f s (target <= 2 s: %s)\n",
+                s.ratio, Verdict(s.ratio >= 0.99 && s.ratio <= 1.01), s.jain, Verdict(s.jain >= 0.999),
+                s.newcomerSeconds, Verdict(s.newcomerSeconds <= 2.0));
+    std::printf("\nSession CPU share of one core at 1.25 GB/s: %.3f %% (target < 1 %%: %s)\n", 100 * f.cpuShare10g,
+                Verdict(f.cpuShare10g < 0.01));
 }
 
 void PrintSummary(const Figures &f)
@@ -152,6 +235,7 @@ void PrintSummary(const Figures &f)
                 Verdict(c.bps > 1.25e9));
     std::printf("  CPU share in the library at 125 MB/s: %.2f %%, at 1.25 GB/s: %.2f %% (target < 10 %%: %s)\n",
                 100 * c.cpuShare1g, 100 * c.cpuShare10g, Verdict(c.cpuShare10g < 0.10));
+    PrintSessionSummary(f.session);
 }
 
 std::string JsonString(const std::string &text)
@@ -166,6 +250,32 @@ std::string JsonString(const std::string &text)
         }
     }
     return out + "\"";
+}
+
+void PrintStreamsJson(const char *name, const StreamResult *streams, int count)
+{
+    std::printf("  \"%s\": [", name);
+    for (int i = 0; i < count; ++i) {
+        const StreamResult &r = streams[i];
+        std::printf("%s{\"limit_bps\": %llu, \"ratio\": %.6f, \"cpu_ms_per_mib\": %.4f, \"win100_min\": %.4f, "
+                    "\"win100_max\": %.4f}",
+                    i ? ", " : "", static_cast<unsigned long long>(r.limitBps), r.ratio, r.cpuMsPerMiB, r.win100Min,
+                    r.win100Max);
+    }
+    std::printf("],\n");
+}
+
+void PrintSessionJson(const SessionFigures &f)
+{
+    std::printf(" \"session\": {\n");
+    PrintStreamsJson("streams", f.streams, kStreamRates);
+    PrintStreamsJson("pv", f.pvStreams, f.pv ? kStreamRates : 0);
+    const SessionSharingResult &s = f.sharing;
+    std::printf("  \"sharing\": {\"limit_bps\": %llu, \"ratio\": %.6f, \"jain\": %.6f, \"newcomer_s\": %.3f, "
+                "\"user_bps\": [%.1f, %.1f, %.1f]},\n",
+                static_cast<unsigned long long>(s.limitBps), s.ratio, s.jain, s.newcomerSeconds, s.userBps[0],
+                s.userBps[1], s.userBps[2]);
+    std::printf("  \"cpu_share_10g\": %.6f}", f.cpuShare10g);
 }
 
 void PrintJson(const Figures &f)
@@ -193,8 +303,10 @@ void PrintJson(const Figures &f)
     }
     const CeilingResult &c = f.ceiling;
     std::printf("],\n \"ceiling\": {\"bps\": %.1f, \"pass_us\": %.3f, \"cpu_share_1g\": %.6f, "
-                "\"cpu_share_10g\": %.6f}}\n",
+                "\"cpu_share_10g\": %.6f},\n",
                 c.bps, c.passUs, c.cpuShare1g, c.cpuShare10g);
+    PrintSessionJson(f.session);
+    std::printf("}\n");
 }
 
 }  // namespace

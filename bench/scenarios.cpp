@@ -77,9 +77,9 @@ UserShare ShareOneUser(uid_t uid, StartSignal &start, double seconds, double win
 Durations DurationsFor(bool quick)
 {
     if (quick) {
-        return {1.0, 1.25, 1.0, 0.15, 0.15, 3};
+        return {1.0, 1.25, 1.0, 0.15, 0.15, 3, 1.5, 1.0, 1.5, 0.5};
     }
-    return {10.0, 10.0, 8.0, 2.0, 2.0, 5};
+    return {10.0, 10.0, 8.0, 2.0, 2.0, 5, 10.0, 2.0, 10.0, 3.0};
 }
 
 double JainIndex(const double *values, int count)

@@ -19,6 +19,10 @@ struct Durations {
     double passCostCpuSeconds;    // per entry count, for passes and again for the floor
     double ceilingCpuSeconds;
     int rounds;                   // CPU measurements are medians of this many rounds
+    double streamSeconds;         // each session and pv stream
+    double joinSeconds;           // before the third user of the session sharing joins
+    double joinedSeconds;         // how long all three run together
+    double cpuShareSeconds;
 };
 Durations DurationsFor(bool quick);
 

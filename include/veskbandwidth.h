@@ -380,9 +380,9 @@ VESK_API int VESKBandwidthSessionOpen(uid_t uid, int protocol_type, int transfer
  * transfer that is not limited costs one clock read per Pace between passes. */
 VESK_API int VESKBandwidthSessionPace(VESK_BANDWIDTH_SESSION *pSession, uint64_t cbMoved);
 
-/* The size of the next I/O that keeps pacing smooth: about 10 ms of data at
- * the current speed, at least 4 KiB and at most 4 MiB (4 MiB when the
- * transfer is not limited).  0, or -1 for a NULL argument. */
+/* The size of the next I/O that keeps pacing smooth: 1/60 s of data at the
+ * current speed, at least 4 KiB and at most 16 MiB (16 MiB when the transfer
+ * is not limited).  0, or -1 for a NULL argument. */
 VESK_API int VESKBandwidthSessionChunk(VESK_BANDWIDTH_SESSION *pSession, uint64_t *pcbChunk);
 
 /* The progress (1/10000, 10000 = done) published with the next shared pass,

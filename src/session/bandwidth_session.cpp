@@ -25,11 +25,13 @@ constexpr int64_t kPassIntervalNs = kNsPerSecond / 5;
 constexpr int64_t kRetryFirstNs = kNsPerSecond;
 constexpr int64_t kRetryLongestNs = 30 * kNsPerSecond;
 
-// The next I/O holds this much time of data at the current speed, within
-// the bounds.
-constexpr uint64_t kChunksPerSecond = 100;
+// The next I/O holds 1/60 s of data at the current speed, within the bounds:
+// six chunks in every 100 ms keep a window of that length within a sixth of
+// the speed, while every wait costs a wake-up (tens of microseconds of CPU on
+// a virtual machine).
+constexpr uint64_t kChunksPerSecond = 60;
 constexpr uint64_t kChunkMin = 4096;
-constexpr uint64_t kChunkMax = 4 << 20;
+constexpr uint64_t kChunkMax = 16 << 20;
 
 }  // namespace
 
@@ -68,6 +70,7 @@ private:
     uint64_t cbInterval_;        // bytes moved since the last pass
     int64_t llNextPassNs_;
     int64_t llRetryNs_;          // pause before the next try after failed passes, 0 while they work
+    bool blStarted_;             // the first bytes were paced
     bool blReloadAsked_;
     bool blFailureLogged_;
     bool blDeactivated_;
@@ -85,18 +88,15 @@ int VESK_BANDWIDTH_SESSION::Open(uid_t uid, int protocol_type, int transfer_type
         return -1;
     }
     transferType_ = transfer_type;
-    int64_t llNowNs = BwMonotonicNs();
-    llIntervalStartNs_ = llNowNs;
+    bool blRegistered = 0 == VESKBandwidthStatusInit(&config_, transfer_type, szFileName, &llTimeLast_, &status_);
     // The first Pace runs a pass, which measures the first bytes.
-    llNextPassNs_ = llNowNs;
-    if (0 != VESKBandwidthStatusInit(&config_, transfer_type, szFileName, &llTimeLast_, &status_)) {
+    llIntervalStartNs_ = llNextPassNs_ = BwMonotonicNs();
+    if (!blRegistered) {
         VESK_LOG("VESKBandwidthStatusInit failed. uid:[%u] file:[%s] [0x%04X %s:%d]", (unsigned int)uid, szFileName,
                  VESK_ERR_ARGS);
         Failed();
-        pacer_.Restart(ConfiguredRate(), llNowNs);
-        return 0;
     }
-    pacer_.Restart(status_.expect_speed, llNowNs);
+    pacer_.Restart(blRegistered ? status_.expect_speed : ConfiguredRate(), llIntervalStartNs_);
     return 0;
 }
 
@@ -110,6 +110,13 @@ int VESK_BANDWIDTH_SESSION::Pace(uint64_t cbMoved)
         return -1;
     }
     int64_t llNowNs = BwMonotonicNs();
+    if (!blStarted_) {
+        // Pacing starts with the first bytes: the time the caller took to
+        // begin after Open is no credit.
+        blStarted_ = true;
+        pacer_.Restart(pacer_.Rate(), llNowNs);
+        llIntervalStartNs_ = llNowNs;
+    }
     pacer_.Count(cbMoved, llNowNs);
     cbInterval_ += cbMoved;
     for (;;) {
@@ -158,7 +165,8 @@ int VESK_BANDWIDTH_SESSION::Pass(int64_t llNowNs)
 {
     bool blPassed = RegisterIfForked();
     uint64_t cbPending = pacer_.Pending(llNowNs);
-    uint64_t cbCharged = 0 == pacer_.Rate() ? 0 : cbInterval_ - cbPending;  // unpaced bytes are never charged
+    // Unpaced bytes are never charged.
+    uint64_t cbCharged = 0 == pacer_.Rate() ? 0 : cbInterval_ - std::min(cbInterval_, cbPending);
     int64_t llStartUs = VESKBandwidthCurrTimeGet() - (llNowNs - llIntervalStartNs_ + 999) / 1000;
     llTimeLast_ = llStartUs;
     if (0 != VESKBandwidthSleepInLoop(&config_, cbCharged, progress_, &llTimeLast_, &status_)) {
