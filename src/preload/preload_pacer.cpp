@@ -26,13 +26,7 @@ namespace {
 
 constexpr int64_t kCheckIntervalNs = 200 * 1000 * 1000;  // how often the effective uid is read again
 constexpr int kMinReceiveBuffer = 64 * 1024;
-constexpr uint64_t kChunksPerHalfSecond = 50;
-// Calls are paced in groups of at least two chunks (about 20 ms of data): a
-// program that reads 16 KiB at a time then sleeps once per group, not once
-// per call.  A chunk at the session's floor of 4 KiB is already more than
-// 10 ms of data and is paced alone, so that slow transfers stay smooth.
-constexpr uint64_t kChunkFloor = 4096;
-constexpr uint64_t kChunksPerPace = 2;
+constexpr uint64_t kChunksPerHalfSecond = 30;
 // What a direction moves before its session opens: requests, commands and
 // replies never register as transfers; bulk data is paced from here on.
 constexpr uint64_t kUnpacedBytes = 64 * 1024;
@@ -239,8 +233,8 @@ Direction *SessionFor(int fd, int transferType)
 
 // A receiving socket whose kernel buffer grows to megabytes would let an
 // uploader send that much before pacing holds it back: the buffer is held to
-// about half a second of data at the paced speed (a chunk is about 10 ms of
-// it), which still covers the round trip of any network, and at least 64 KiB.
+// about half a second of data at the paced speed (a chunk is 1/60 s of it),
+// which still covers the round trip of any network, and at least 64 KiB.
 void ClampReceiveBuffer(int fd, uint64_t chunk)
 {
     gTable.SetClamped(fd);
@@ -327,9 +321,10 @@ bool EndMove(int fd, Way way, size_t moved)
         direction.unpaced += moved;
         return true;
     }
+    // Paced once a chunk's worth has moved: a program that reads 16 KiB at a
+    // time sleeps once per chunk (1/60 s of data), not once per call.
     direction.owed += moved;
-    uint64_t group = direction.chunk > kChunkFloor ? kChunksPerPace * direction.chunk : direction.chunk;
-    if (direction.owed < group) {
+    if (direction.owed < direction.chunk) {
         return true;
     }
     uint64_t owed = direction.owed;
