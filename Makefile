@@ -52,6 +52,7 @@ demo: build
 
 bench: build
 	$(BUILD)/bench/vbw-bench
+	$(BUILD)/bench/vbw-preload-bench
 
 install: build
 	cmake --install $(BUILD)

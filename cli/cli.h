@@ -188,6 +188,7 @@ int RunReload(int argc, char **argv);
 int RunSimulate(int argc, char **argv);
 int RunCopy(int argc, char **argv);
 int RunDemo(int argc, char **argv);
+int RunRun(int argc, char **argv);
 
 }  // namespace cli
 

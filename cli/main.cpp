@@ -138,6 +138,21 @@ const Command kCommands[] = {
      "--json prints only the summary, as JSON.  The chart of the speeds goes to\n"
      "FILE.svg, or to a new veskbandwidth-demo-XXXXXX.svg in $TMPDIR or /tmp.\n",
      cli::RunDemo},
+    {nullptr, "run", "run an unmodified program with its TCP traffic held to the limits",
+     "usage: veskbandwidth run [--user NAME|UID] [--protocol NAME] [--role client|server] [--check]\n"
+     "                         [--] COMMAND [ARGS...]\n"
+     "Runs COMMAND with the preload library, which paces what it sends and receives\n"
+     "over TCP as the user it runs as (--user: as that user, whatever it runs as),\n"
+     "switching when the program changes its effective uid; root and the accounts\n"
+     "in /usr/vesk/etc/bandwidth/preload-passthrough.conf (by default the system\n"
+     "accounts, uid below 1000 or 65534) pass through.  The protocol comes from\n"
+     "--protocol or the program's name (rsync; vsftpd, proftpd, pure-ftpd, in.ftpd,\n"
+     "sshd and sftp-server are ftp); a process that accepted its connections sends\n"
+     "downloads and receives uploads, a client the reverse (--role overrides).\n"
+     "Statically linked programs are refused; --check only tells whether COMMAND can\n"
+     "be throttled and which of its calls the library does not see.  Exit status:\n"
+     "COMMAND's own, or 125 (run failed), 126 (cannot run), 127 (not found).\n",
+     cli::RunRun},
 };
 
 std::string FullName(const Command &command)

@@ -22,6 +22,14 @@ need psmisc           command -v killall
 need util-linux       command -v unshare
 # The command-line tool's tests check its SVG charts with xmllint.
 need libxml2-utils    command -v xmllint
+# Real servers and clients that the preload library's tests and benchmark run.
+need rsync            command -v rsync
+need vsftpd           test -x /usr/sbin/vsftpd
+need openssh-server   test -x /usr/sbin/sshd
+need openssh-client   command -v sftp
+need curl             command -v curl
+need trickle          command -v trickle
+need python3          command -v python3
 # The fuzz targets (make fuzz): clang, its libFuzzer runtime, and the
 # symbolizer for readable crash reports.
 need clang            command -v clang

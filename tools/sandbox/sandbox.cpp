@@ -1,5 +1,6 @@
-// Private sandbox: new mount and pid namespaces (and a user namespace when not
-// root) in which the directories the library uses are private copies.
+// Private sandbox: new mount, pid and network namespaces (and a user namespace
+// when not root) in which the directories the library uses are private copies
+// and the only network is loopback.
 #include "sandbox.h"
 
 #include <cerrno>
@@ -9,9 +10,12 @@
 #include <cstring>
 #include <fcntl.h>
 #include <ftw.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -94,7 +98,11 @@ bool MountOverlay(const std::string &dir, const std::string &name, bool userns, 
     std::string base = std::string(kStaging) + "/" + name;
     std::string upper = base + "/upper";
     std::string work = base + "/work";
-    if (mkdir(base.c_str(), 0700) != 0 || mkdir(upper.c_str(), 0755) != 0 || mkdir(work.c_str(), 0700) != 0) {
+    // The overlay's root takes the upper directory's mode: that of `dir`
+    // (/tmp stays 1777, so that every user can create files in it).
+    struct stat lower;
+    if (stat(dir.c_str(), &lower) != 0 || mkdir(base.c_str(), 0700) != 0 || mkdir(upper.c_str(), 0755) != 0 ||
+        chmod(upper.c_str(), lower.st_mode & 07777) != 0 || mkdir(work.c_str(), 0700) != 0) {
         *error = Errno("mkdir " + base);
         return false;
     }
@@ -192,12 +200,12 @@ bool Unshare(bool userns, std::string *error)
 {
     uid_t uid = geteuid();
     gid_t gid = getegid();
-    int flags = CLONE_NEWNS | CLONE_NEWPID | (userns ? CLONE_NEWUSER : 0);
+    int flags = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET | (userns ? CLONE_NEWUSER : 0);
     if (unshare(flags) != 0) {
         *error = Errno("unshare") +
                  (userns ? " (the sandbox needs root, or unprivileged user namespaces: "
                            "sysctl kernel.unprivileged_userns_clone=1 and user.max_user_namespaces > 0)"
-                         : " (the sandbox needs mount and pid namespaces)");
+                         : " (the sandbox needs mount, pid and network namespaces)");
         return false;
     }
     if (userns) {
@@ -212,6 +220,25 @@ bool Unshare(bool userns, std::string *error)
         }
     }
     return true;
+}
+
+// The new network namespace has only a loopback interface, down: up, it
+// answers on 127.0.0.1 and ::1 and reaches nothing else.
+bool LoopbackUp(std::string *error)
+{
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct ifreq request = {};
+    std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+    bool ok = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &request) == 0;
+    request.ifr_flags |= IFF_UP | IFF_RUNNING;
+    ok = ok && ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+    if (!ok) {
+        *error = Errno("bring up the loopback interface");
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+    return ok;
 }
 
 bool SetUpMounts(const SandboxOptions &options, bool userns, std::string *error)
@@ -269,7 +296,7 @@ bool EnterSandbox(const SandboxOptions &options, std::string *error)
         return false;
     }
     bool userns = geteuid() != 0;
-    if (!Unshare(userns, error) || !SetUpMounts(options, userns, error)) {
+    if (!Unshare(userns, error) || !LoopbackUp(error) || !SetUpMounts(options, userns, error)) {
         return false;
     }
     fflush(nullptr);

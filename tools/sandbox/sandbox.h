@@ -1,7 +1,8 @@
 // A private sandbox for the tests and the demo: the library's fixed paths
 // (/usr/vesk, /tmp/bandwidth, /run/httpd), the account files and /dev/log are
-// replaced by private copies in new mount and pid namespaces, so nothing the
-// sandboxed processes do reaches the machine.
+// replaced by private copies in new mount and pid namespaces, and a network
+// namespace of its own has only loopback, so nothing the sandboxed processes
+// do reaches the machine or its network.
 #ifndef VBW_SANDBOX_H
 #define VBW_SANDBOX_H
 
@@ -25,7 +26,9 @@ struct SandboxOptions {
 // starts as an empty directory of ours); /dev is private, without /dev/log;
 // /run is a fresh empty tmpfs; /etc/passwd and /etc/group hold the options'
 // texts (writable files bound in place); /proc is that of the new pid
-// namespace; the environment variable VBW_SANDBOX is 1.
+// namespace; the network is a loopback interface of its own (127.0.0.1, ::1),
+// whose ports no process outside shares; the environment variable
+// VBW_SANDBOX is 1.
 bool EnterSandbox(const SandboxOptions &options, std::string *error);
 
 }  // namespace vbw
