@@ -179,9 +179,10 @@ void PrintOverview(std::ostream &out)
            "changed) and 1 for a failure.\n";
 }
 
+// True when --help or -h comes before "--" (what follows belongs to a command run by `run`).
 bool WantsHelp(int argc, char **argv)
 {
-    for (int i = 0; i < argc; ++i) {
+    for (int i = 0; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
         if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
             return true;
         }
