@@ -24,17 +24,15 @@ const uid_t kUsers[kUserCount] = {1026, 1027, 1028, 1029};
 namespace {
 
 // The accounts inside the sandbox: four users whose only group is "users".
-const char kPasswd[] =
-    "root:x:0:0:root:/root:/bin/sh\n"
-    "alice:x:1026:100:Alice:/home/alice:/bin/sh\n"
-    "bob:x:1027:100:Bob:/home/bob:/bin/sh\n"
-    "carol:x:1028:100:Carol:/home/carol:/bin/sh\n"
-    "dave:x:1029:100:Dave:/home/dave:/bin/sh\n"
-    "nobody:x:65534:65534:nobody:/nonexistent:/usr/sbin/nologin\n";
-const char kGroupFile[] =
-    "root:x:0:\n"
-    "users:x:100:alice,bob,carol,dave\n"
-    "nogroup:x:65534:\n";
+const char kPasswd[] = "root:x:0:0:root:/root:/bin/sh\n"
+                       "alice:x:1026:100:Alice:/home/alice:/bin/sh\n"
+                       "bob:x:1027:100:Bob:/home/bob:/bin/sh\n"
+                       "carol:x:1028:100:Carol:/home/carol:/bin/sh\n"
+                       "dave:x:1029:100:Dave:/home/dave:/bin/sh\n"
+                       "nobody:x:65534:65534:nobody:/nonexistent:/usr/sbin/nologin\n";
+const char kGroupFile[] = "root:x:0:\n"
+                          "users:x:100:alice,bob,carol,dave\n"
+                          "nogroup:x:65534:\n";
 
 const char kStatusDir[] = "/tmp/bandwidth";
 
@@ -245,13 +243,13 @@ Transfer::~Transfer()
 void Transfer::Register()
 {
     CheckLibrary(VESKBandwidthStatusInit(&config_, kDirection, "/volume1/public/bench", &lastPassUs_, &status_),
-          "VESKBandwidthStatusInit");
+                 "VESKBandwidthStatusInit");
 }
 
 void Transfer::Pass(uint32_t progress)
 {
     CheckLibrary(VESKBandwidthSleepInLoop(&config_, kChunkBytes, progress, &lastPassUs_, &status_),
-          "VESKBandwidthSleepInLoop");
+                 "VESKBandwidthSleepInLoop");
 }
 
 void PlainReadAndRewrite(const std::string &path)

@@ -151,16 +151,15 @@ double LinearPrediction64(const Figures &f)
 
 void PrintStreamRow(const char *who, const StreamResult &r)
 {
-    std::printf("  %-8s %12llu %9.5f %11.3f %11.3f %11.3f\n", who, static_cast<unsigned long long>(r.limitBps),
-                r.ratio, r.cpuMsPerMiB, r.win100Min, r.win100Max);
+    std::printf("  %-8s %12llu %9.5f %11.3f %11.3f %11.3f\n", who, static_cast<unsigned long long>(r.limitBps), r.ratio,
+                r.cpuMsPerMiB, r.win100Min, r.win100Max);
 }
 
 void PrintSessionSummary(const SessionFigures &f)
 {
     std::printf("\nSessions: one download read from /dev/zero into a pipe, measured by its reader;\n"
                 "pv -L at the same rate as the reference\n");
-    std::printf("  %-8s %12s %9s %11s %11s %11s\n", "", "limit B/s", "ratio", "cpu ms/MiB", "win100 min",
-                "win100 max");
+    std::printf("  %-8s %12s %9s %11s %11s %11s\n", "", "limit B/s", "ratio", "cpu ms/MiB", "win100 min", "win100 max");
     for (int i = 0; i < kStreamRates; ++i) {
         PrintStreamRow("session", f.streams[i]);
         if (f.pv) {
@@ -195,15 +194,15 @@ void PrintSessionSummary(const SessionFigures &f)
 void PrintSummary(const Figures &f)
 {
     std::printf("veskbandwidth benchmark%s\n", f.quick ? " (--quick: short runs, rough figures)" : "");
-    std::printf("machine: %ld CPUs, %s, %s\n\n", f.machine.cpus, f.machine.cpuModel.c_str(),
-                f.machine.kernel.c_str());
+    std::printf("machine: %ld CPUs, %s, %s\n\n", f.machine.cpus, f.machine.cpuModel.c_str(), f.machine.kernel.c_str());
 
     std::printf("Accuracy: one download, user limit, 64 KiB chunks (target ratio 0.99..1.01)\n");
     std::printf("  %14s %16s %8s %7s %14s %8s\n", "limit B/s", "achieved B/s", "ratio", "seconds", "lost us/pass",
                 "target");
     for (const AccuracyResult &a : f.accuracy) {
         std::printf("  %14llu %16.0f %8.4f %7.2f %14.1f %8s\n", static_cast<unsigned long long>(a.limitBps),
-                    a.achievedBps, a.ratio, a.wallSeconds, a.lostUsPerPass, Verdict(a.ratio >= 0.99 && a.ratio <= 1.01));
+                    a.achievedBps, a.ratio, a.wallSeconds, a.lostUsPerPass,
+                    Verdict(a.ratio >= 0.99 && a.ratio <= 1.01));
     }
 
     const SharingResult &s = f.sharing;
@@ -214,8 +213,7 @@ void PrintSummary(const Figures &f)
         std::printf(" %.0f", bps);
     }
     std::printf("\n  aggregate %.0f B/s, ratio %.4f (target 0.97..1.03: %s), jain %.4f (target >= 0.99: %s)\n",
-                s.aggregateBps, s.ratio, Verdict(s.ratio >= 0.97 && s.ratio <= 1.03), s.jain,
-                Verdict(s.jain >= 0.99));
+                s.aggregateBps, s.ratio, Verdict(s.ratio >= 0.97 && s.ratio <= 1.03), s.jain, Verdict(s.jain >= 0.99));
 
     std::printf("\nPass cost: CPU time of one sleep-loop pass that does not sleep, one group limit;\n"
                 "floor: one read and one atomic rewrite of the same group status file\n");
@@ -226,8 +224,8 @@ void PrintSummary(const Figures &f)
     double predicted = LinearPrediction64(f);
     std::printf("  at 64 entries: %.1f us against %.1f us on the line through 1 and 16 (linear: %s); "
                 "ratio %.2f (target <= 6: %s)\n",
-                f.passCost[2].passUs, predicted, Verdict(f.passCost[2].passUs <= 1.25 * predicted),
-                f.passCost[2].ratio, Verdict(f.passCost[2].ratio <= 6.0));
+                f.passCost[2].passUs, predicted, Verdict(f.passCost[2].passUs <= 1.25 * predicted), f.passCost[2].ratio,
+                Verdict(f.passCost[2].ratio <= 6.0));
 
     const CeilingResult &c = f.ceiling;
     std::printf("\nCeiling: one limited download that never sleeps, 64 KiB chunks\n");
@@ -280,8 +278,8 @@ void PrintSessionJson(const SessionFigures &f)
 
 void PrintJson(const Figures &f)
 {
-    std::printf("{\"machine\": {\"cpus\": %ld, \"cpu_model\": %s, \"kernel\": %s}, \"quick\": %s,\n",
-                f.machine.cpus, JsonString(f.machine.cpuModel).c_str(), JsonString(f.machine.kernel).c_str(),
+    std::printf("{\"machine\": {\"cpus\": %ld, \"cpu_model\": %s, \"kernel\": %s}, \"quick\": %s,\n", f.machine.cpus,
+                JsonString(f.machine.cpuModel).c_str(), JsonString(f.machine.kernel).c_str(),
                 f.quick ? "true" : "false");
     std::printf(" \"accuracy\": [");
     for (int i = 0; i < 2; ++i) {

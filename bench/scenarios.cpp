@@ -68,8 +68,7 @@ UserShare ShareOneUser(uid_t uid, StartSignal &start, double seconds, double win
         bytes.push_back(bytes.back() + kChunkBytes);
     }
     int n = static_cast<int>(times.size());
-    return {BytesAt(times.data(), bytes.data(), n, end) -
-            BytesAt(times.data(), bytes.data(), n, end - windowSeconds)};
+    return {BytesAt(times.data(), bytes.data(), n, end) - BytesAt(times.data(), bytes.data(), n, end - windowSeconds)};
 }
 
 }  // namespace

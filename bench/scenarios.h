@@ -18,10 +18,10 @@ struct Durations {
     double sharingWindowSeconds;  // the last part of the sharing run that counts
     double passCostCpuSeconds;    // per entry count, for passes and again for the floor
     double ceilingCpuSeconds;
-    int rounds;                   // CPU measurements are medians of this many rounds
-    double streamSeconds;         // each session and pv stream
-    double joinSeconds;           // before the third user of the session sharing joins
-    double joinedSeconds;         // how long all three run together
+    int rounds;            // CPU measurements are medians of this many rounds
+    double streamSeconds;  // each session and pv stream
+    double joinSeconds;    // before the third user of the session sharing joins
+    double joinedSeconds;  // how long all three run together
     double cpuShareSeconds;
 };
 Durations DurationsFor(bool quick);
@@ -55,11 +55,11 @@ struct PassCostResult {
 PassCostResult MeasurePassCost(int entries, double cpuSeconds, int rounds);
 
 struct CeilingResult {
-    double passUs;        // CPU time of one pass that does not sleep
-    double wallPassUs;    // its wall time
-    double bps;           // 64 KiB per pass CPU time
-    double cpuShare1g;    // at 125 MB/s
-    double cpuShare10g;   // at 1.25 GB/s
+    double passUs;       // CPU time of one pass that does not sleep
+    double wallPassUs;   // its wall time
+    double bps;          // 64 KiB per pass CPU time
+    double cpuShare1g;   // at 125 MB/s
+    double cpuShare10g;  // at 1.25 GB/s
 };
 CeilingResult MeasureCeiling(double cpuSeconds, int rounds);
 

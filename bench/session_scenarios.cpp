@@ -24,8 +24,8 @@ namespace {
 
 constexpr double kMiB = 1024.0 * 1024.0;
 constexpr size_t kReadSize = 1 << 20;
-constexpr int kPipeSize = 1 << 20;       // the default pipe limit of an unprivileged process
-constexpr double kSettleSeconds = 1.0;   // windows are counted after the first second
+constexpr int kPipeSize = 1 << 20;      // the default pipe limit of an unprivileged process
+constexpr double kSettleSeconds = 1.0;  // windows are counted after the first second
 constexpr double kWindowSeconds = 0.1;
 constexpr double kShareWindowSeconds = 0.2;  // a newcomer's rate is judged over one pass interval
 constexpr double kShareReached = 0.9;

@@ -16,10 +16,10 @@ constexpr int kSharingUsers = 3;
 // One stream of bytes at a limit, as its reader saw it.
 struct StreamResult {
     uint64_t limitBps;
-    double ratio;         // bytes / (end of stream - first byte), over the limit
-    double cpuMsPerMiB;   // CPU time of the sending process per MiB sent
-    double win100Min;     // lowest and highest 100-ms window after the first
-    double win100Max;     // second, over the limit
+    double ratio;        // bytes / (end of stream - first byte), over the limit
+    double cpuMsPerMiB;  // CPU time of the sending process per MiB sent
+    double win100Min;    // lowest and highest 100-ms window after the first
+    double win100Max;    // second, over the limit
 };
 
 // One user's download through a session: read from /dev/zero, written to a
@@ -34,7 +34,7 @@ struct SessionSharingResult {
     double userBps[kSharingUsers];  // over the time all of them ran
     double ratio;                   // their sum over the limit
     double jain;
-    double newcomerSeconds;         // until the last user got its share
+    double newcomerSeconds;  // until the last user got its share
 };
 // Two users start under one group limit and a third joins after
 // joinSeconds; all run for `seconds` after that.

@@ -21,8 +21,8 @@ namespace cli {
 namespace {
 
 constexpr char kPreloadName[] = "libveskbandwidth-preload.so";
-constexpr int kRunFailed = 125;    // run itself failed, as env and timeout say
-constexpr int kCannotRun = 126;    // the command cannot be run (or throttled)
+constexpr int kRunFailed = 125;  // run itself failed, as env and timeout say
+constexpr int kCannotRun = 126;  // the command cannot be run (or throttled)
 constexpr int kNotFound = 127;
 
 // Imports that move socket data past the wrappers, and why.
@@ -47,9 +47,9 @@ constexpr Uncovered kUncovered[] = {
 
 struct ElfFacts {
     bool elf = false;
-    std::string interpreter;  // PT_INTERP, empty when static
-    int needed = 0;           // DT_NEEDED entries
-    bool go = false;          // built by the Go toolchain
+    std::string interpreter;           // PT_INTERP, empty when static
+    int needed = 0;                    // DT_NEEDED entries
+    bool go = false;                   // built by the Go toolchain
     std::vector<std::string> imports;  // undefined dynamic symbols
 };
 
@@ -148,9 +148,8 @@ void ReadElf(const MappedFile &file, ElfFacts *facts)
             continue;
         }
         Sym symbol;
-        for (uint64_t at = section.sh_offset + sizeof symbol; at < section.sh_offset + section.sh_size &&
-                                                               ReadRecord(file, at, &symbol);
-             at += sizeof symbol) {
+        for (uint64_t at = section.sh_offset + sizeof symbol;
+             at < section.sh_offset + section.sh_size && ReadRecord(file, at, &symbol); at += sizeof symbol) {
             if (symbol.st_shndx == SHN_UNDEF && symbol.st_name != 0) {
                 facts->imports.push_back(file.Text(strings.sh_offset + symbol.st_name));
             }
@@ -298,7 +297,8 @@ void SetUpEnvironment(const Args &args)
     // (a sanitizer's runtime must come first).
     const char *preloaded = getenv("LD_PRELOAD");
     std::string preload = PreloadLibrary();
-    SetVariable("LD_PRELOAD", preloaded != nullptr && *preloaded != '\0' ? std::string(preloaded) + ":" + preload : preload);
+    SetVariable("LD_PRELOAD",
+                preloaded != nullptr && *preloaded != '\0' ? std::string(preloaded) + ":" + preload : preload);
 }
 
 // Splits the arguments into run's options and the command: the command starts
@@ -335,7 +335,8 @@ int RunRun(int argc, char **argv)
     std::vector<char *> command(argv + start + (start < static_cast<size_t>(argc) && strcmp(argv[start], "--") == 0),
                                 argv + argc);
     try {
-        Args args(static_cast<int>(start), argv, {{"user", true}, {"protocol", true}, {"role", true}, {"check", false}});
+        Args args(static_cast<int>(start), argv,
+                  {{"user", true}, {"protocol", true}, {"role", true}, {"check", false}});
         args.ExpectPositional(0, "");
         if (command.empty()) {
             throw UsageError("give the command to run after --");

@@ -28,7 +28,7 @@ constexpr uid_t kBob = 1027;
 constexpr uint64_t kLimitKBps = 256;
 constexpr size_t kFileBytes = 1 << 20;
 const std::string kSftp = "HOME=/tmp sftp -q -F /dev/null -i /tmp/ssh/client -o StrictHostKeyChecking=no "
-                         "-o UserKnownHostsFile=/dev/null -o BatchMode=yes -P 2222 -b - ";
+                          "-o UserKnownHostsFile=/dev/null -o BatchMode=yes -P 2222 -b - ";
 
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kSanitized = true;

@@ -20,7 +20,8 @@ struct ClockInjection {
     int64_t aheadUs = 0;
 } g_clock;
 
-template <typename Function> Function Real(const char *name)
+template <typename Function>
+Function Real(const char *name)
 {
     return (Function)dlsym(RTLD_NEXT, name);
 }
@@ -28,9 +29,8 @@ template <typename Function> Function Real(const char *name)
 }  // namespace
 
 // Exported, so that the library binds to them rather than to the C library.
-extern "C" __attribute__((visibility("default"))) int clock_nanosleep(clockid_t clock, int flags,
-                                                                       const struct timespec *request,
-                                                                       struct timespec *remain)
+extern "C" __attribute__((visibility("default"))) int
+clock_nanosleep(clockid_t clock, int flags, const struct timespec *request, struct timespec *remain)
 {
     static auto real = Real<int (*)(clockid_t, int, const struct timespec *, struct timespec *)>("clock_nanosleep");
     ++g_clock.sleeps;

@@ -11,12 +11,12 @@
 namespace preload {
 
 enum class FdKind : uint8_t {
-    kUnknown,        // not looked at yet (inherited, received, or reused)
-    kAccepted,       // came from accept: a server's end, not looked at yet
-    kConnected,      // went through connect: a client's end, not looked at yet
-    kOther,          // a file, pipe, Unix or UDP socket: never paced
-    kPacedServer,    // a TCP socket whose sends are downloads
-    kPacedClient,    // a TCP socket whose sends are uploads
+    kUnknown,      // not looked at yet (inherited, received, or reused)
+    kAccepted,     // came from accept: a server's end, not looked at yet
+    kConnected,    // went through connect: a client's end, not looked at yet
+    kOther,        // a file, pipe, Unix or UDP socket: never paced
+    kPacedServer,  // a TCP socket whose sends are downloads
+    kPacedClient,  // a TCP socket whose sends are uploads
 };
 
 class FdTable {

@@ -68,7 +68,7 @@ std::atomic<Role> gLearnedRole{Role::kUnknown};
 
 // Everything below is used under gLock.
 std::mutex gLock;
-Direction gDirections[2];  // upload, download
+Direction gDirections[2];           // upload, download
 std::atomic<int> gOpenSessions{0};  // read without the lock on the way out
 pid_t gPid = 0;
 int64_t gLastCheckNs = 0;
@@ -329,8 +329,7 @@ bool EndMove(int fd, Way way, size_t moved)
     }
     uint64_t owed = direction.owed;
     direction.owed = 0;
-    if (VESKBandwidthSessionPace(direction.session, owed) == 0 ||
-        VLIBCErrGet() != BW_ERR_DEACTIVATED) {
+    if (VESKBandwidthSessionPace(direction.session, owed) == 0 || VLIBCErrGet() != BW_ERR_DEACTIVATED) {
         return true;
     }
     // Switched off: the transfer ends here, whatever the program does next.

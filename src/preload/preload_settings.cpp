@@ -23,9 +23,9 @@ struct Program {
 // sshd and sftp-server move files for SFTP, which an appliance offers as part
 // of its FTP service: they are held to the ftp limits.
 constexpr Program kPrograms[] = {
-    {"rsync", VESK_BW_PROTOCOL_RSYNC, Role::kUnknown},   {"vsftpd", VESK_BW_PROTOCOL_FTP, Role::kServer},
-    {"proftpd", VESK_BW_PROTOCOL_FTP, Role::kServer},    {"pure-ftpd", VESK_BW_PROTOCOL_FTP, Role::kServer},
-    {"in.ftpd", VESK_BW_PROTOCOL_FTP, Role::kServer},    {"sshd", VESK_BW_PROTOCOL_FTP, Role::kServer},
+    {"rsync", VESK_BW_PROTOCOL_RSYNC, Role::kUnknown},    {"vsftpd", VESK_BW_PROTOCOL_FTP, Role::kServer},
+    {"proftpd", VESK_BW_PROTOCOL_FTP, Role::kServer},     {"pure-ftpd", VESK_BW_PROTOCOL_FTP, Role::kServer},
+    {"in.ftpd", VESK_BW_PROTOCOL_FTP, Role::kServer},     {"sshd", VESK_BW_PROTOCOL_FTP, Role::kServer},
     {"sftp-server", VESK_BW_PROTOCOL_FTP, Role::kServer},
 };
 

@@ -261,15 +261,13 @@ VESK_API ssize_t send(int fd, const void *buf, size_t count, int flags)
                      [&](size_t offset, size_t n) { return gSend.Get()(fd, At(buf, offset), n, flags); });
 }
 
-VESK_API ssize_t sendto(int fd, const void *buf, size_t count, int flags, const struct sockaddr *to,
-                        socklen_t toSize)
+VESK_API ssize_t sendto(int fd, const void *buf, size_t count, int flags, const struct sockaddr *to, socklen_t toSize)
 {
     if (!Paces(fd)) {
         return gSendto.Get()(fd, buf, count, flags, to, toSize);
     }
-    return MovePaced(fd, Way::kSend, count, Waits(fd, flags), [&](size_t offset, size_t n) {
-        return gSendto.Get()(fd, At(buf, offset), n, flags, to, toSize);
-    });
+    return MovePaced(fd, Way::kSend, count, Waits(fd, flags),
+                     [&](size_t offset, size_t n) { return gSendto.Get()(fd, At(buf, offset), n, flags, to, toSize); });
 }
 
 VESK_API ssize_t sendmsg(int fd, const struct msghdr *message, int flags)

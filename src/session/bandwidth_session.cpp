@@ -62,7 +62,7 @@ private:
 
     VESK_BANDWIDTH_CONFIG config_;
     VESK_BANDWIDTH_STATUS status_;
-    int64_t llTimeLast_;         // the sleep loop's time of the previous pass, microseconds
+    int64_t llTimeLast_;  // the sleep loop's time of the previous pass, microseconds
     int transferType_;
     uint32_t progress_;
     BwConfWatch watch_;
@@ -70,8 +70,8 @@ private:
     int64_t llIntervalStartNs_;  // the virtual time from which the bytes since the last pass are measured
     uint64_t cbInterval_;        // bytes moved since the last pass
     int64_t llNextPassNs_;
-    int64_t llRetryNs_;          // pause before the next try after failed passes, 0 while they work
-    bool blStarted_;             // the first bytes were paced
+    int64_t llRetryNs_;  // pause before the next try after failed passes, 0 while they work
+    bool blStarted_;     // the first bytes were paced
     bool blReloadAsked_;
     bool blFailureLogged_;
     bool blDeactivated_;
@@ -150,8 +150,7 @@ uint64_t VESK_BANDWIDTH_SESSION::Chunk() const
 int VESK_BANDWIDTH_SESSION::Close()
 {
     if (0 != VESKBandwidthStatusRemove(&config_, (unsigned int)transferType_)) {
-        VESK_LOG("VESKBandwidthStatusRemove failed. uid:[%u] [0x%04X %s:%d]", (unsigned int)config_.uid,
-                 VESK_ERR_ARGS);
+        VESK_LOG("VESKBandwidthStatusRemove failed. uid:[%u] [0x%04X %s:%d]", (unsigned int)config_.uid, VESK_ERR_ARGS);
         return -1;
     }
     return 0;
@@ -269,8 +268,8 @@ void VESK_BANDWIDTH_SESSION::Follow(uint64_t ullRateBps, uint64_t cbCharged, uin
     if (0 == ullRateBps) {
         cbPending = 0;
     } else if (0 != pacer_.Rate()) {
-        llStartNs = std::max(std::min(pacer_.Due(), llPassNs),
-                             llIntervalStartNs_ + BwBytesTimeNs(cbCharged, ullRateBps));
+        llStartNs =
+            std::max(std::min(pacer_.Due(), llPassNs), llIntervalStartNs_ + BwBytesTimeNs(cbCharged, ullRateBps));
     }
     pacer_.Restart(ullRateBps, llStartNs, cbPending);
     llIntervalStartNs_ = llStartNs;

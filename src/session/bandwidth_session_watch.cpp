@@ -45,6 +45,5 @@ BwConfWatch::Stamp BwConfWatch::StampOf(const char *szPath)
 bool BwConfWatch::Same(const Stamp &a, const Stamp &b)
 {
     return a.dev == b.dev && a.ino == b.ino && a.size == b.size && a.mtime.tv_sec == b.mtime.tv_sec &&
-           a.mtime.tv_nsec == b.mtime.tv_nsec && a.ctime.tv_sec == b.ctime.tv_sec &&
-           a.ctime.tv_nsec == b.ctime.tv_nsec;
+           a.mtime.tv_nsec == b.mtime.tv_nsec && a.ctime.tv_sec == b.ctime.tv_sec && a.ctime.tv_nsec == b.ctime.tv_nsec;
 }

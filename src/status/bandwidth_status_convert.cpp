@@ -73,8 +73,7 @@ StatusParmTable StatusTable(VESK_BANDWIDTH_STATUS *pStatus)
 
 int VESKBandwidthInitHashFromStatus(VLIBC_SZHASH **ppHash, const VESK_BANDWIDTH_STATUS *pStatus)
 {
-    if (!VESK_ARG_OK(((void *)0) != ppHash) || !VESK_ARG_OK(((void *)0) != *ppHash) ||
-        !VESK_ARG_OK(NULL != pStatus)) {
+    if (!VESK_ARG_OK(((void *)0) != ppHash) || !VESK_ARG_OK(((void *)0) != *ppHash) || !VESK_ARG_OK(NULL != pStatus)) {
         return -1;
     }
     /* The table only reads the record on this path. */

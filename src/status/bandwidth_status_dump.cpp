@@ -32,8 +32,7 @@ bool OwnerLookup(const VESK_BANDWIDTH_STATUS &status, BwOwnerAccount *pOwner)
 
 int VESKBandwidthStatusDump(FILE *fp, const VESK_BANDWIDTH_STATUS *pStatus)
 {
-    if (!VESK_ARG_CHECK(fp != nullptr, "((void *)0) != fp") ||
-        !VESK_ARG_CHECK(pStatus != nullptr, "NULL != pStatus")) {
+    if (!VESK_ARG_CHECK(fp != nullptr, "((void *)0) != fp") || !VESK_ARG_CHECK(pStatus != nullptr, "NULL != pStatus")) {
         return -1;
     }
     BwOwnerAccount owner;
@@ -60,8 +59,8 @@ int VESKBandwidthStatusDump(FILE *fp, const VESK_BANDWIDTH_STATUS *pStatus)
     double dCurrentKBps = (double)pStatus->current_speed / 1024.0;
     double dProgressPercent = pStatus->progress / 100.0;
     // The file name is bounded by its field, in case it lacks its terminator.
-    fprintf(fp, "%30s %10s %10s %5u %10u %10.2f %10.2f %03.2f %.*s\n", owner.Name(), szProtocolName,
-            szTransferName, (unsigned int)pStatus->pid, (unsigned int)(uint32_t)pStatus->timestamp, dExpectKBps,
-            dCurrentKBps, dProgressPercent, (int)sizeof(pStatus->filename), pStatus->filename);
+    fprintf(fp, "%30s %10s %10s %5u %10u %10.2f %10.2f %03.2f %.*s\n", owner.Name(), szProtocolName, szTransferName,
+            (unsigned int)pStatus->pid, (unsigned int)(uint32_t)pStatus->timestamp, dExpectKBps, dCurrentKBps,
+            dProgressPercent, (int)sizeof(pStatus->filename), pStatus->filename);
     return 0;
 }

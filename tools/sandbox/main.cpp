@@ -1,5 +1,6 @@
 // vbw-sandbox: runs a program inside the private sandbox with the fixture
-// accounts and a network of its own that has only loopback.  Usage: vbw-sandbox [--passwd FILE] [--group FILE] [--] PROGRAM [ARGS...]
+// accounts and a network of its own that has only loopback.  Usage: vbw-sandbox [--passwd FILE] [--group FILE] [--]
+// PROGRAM [ARGS...]
 #include "sandbox.h"
 
 #include <cerrno>

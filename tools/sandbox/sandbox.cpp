@@ -202,10 +202,10 @@ bool Unshare(bool userns, std::string *error)
     gid_t gid = getegid();
     int flags = CLONE_NEWNS | CLONE_NEWPID | CLONE_NEWNET | (userns ? CLONE_NEWUSER : 0);
     if (unshare(flags) != 0) {
-        *error = Errno("unshare") +
-                 (userns ? " (the sandbox needs root, or unprivileged user namespaces: "
-                           "sysctl kernel.unprivileged_userns_clone=1 and user.max_user_namespaces > 0)"
-                         : " (the sandbox needs mount, pid and network namespaces)");
+        *error =
+            Errno("unshare") + (userns ? " (the sandbox needs root, or unprivileged user namespaces: "
+                                         "sysctl kernel.unprivileged_userns_clone=1 and user.max_user_namespaces > 0)"
+                                       : " (the sandbox needs mount, pid and network namespaces)");
         return false;
     }
     if (userns) {
@@ -253,11 +253,9 @@ bool SetUpMounts(const SandboxOptions &options, bool userns, std::string *error)
         }
         return false;
     }
-    return PrivateDev(userns, error) &&
-           MountOverlay("/usr", "usr", userns, error, userns ? "vesk" : nullptr) &&
-           (userns || RemoveTree("/usr/vesk", error)) &&
-           MountOverlay("/tmp", "tmp", userns, error) && RemoveTree("/tmp/bandwidth", error) &&
-           BindFile("/etc/passwd", "passwd", options.passwd, error) &&
+    return PrivateDev(userns, error) && MountOverlay("/usr", "usr", userns, error, userns ? "vesk" : nullptr) &&
+           (userns || RemoveTree("/usr/vesk", error)) && MountOverlay("/tmp", "tmp", userns, error) &&
+           RemoveTree("/tmp/bandwidth", error) && BindFile("/etc/passwd", "passwd", options.passwd, error) &&
            BindFile("/etc/group", "group", options.group, error);
 }
 
