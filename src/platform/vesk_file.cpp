@@ -49,7 +49,7 @@ constexpr size_t kNoBound = SIZE_MAX / 2;
 // when it cannot be written faithfully.
 bool SectionArgsOk(const char *szSection, const VLIBC_SZHASH *pHash)
 {
-    if (!VESK_ARG_OK(NULL != szSection) || !VESK_ARG_OK(NULL != pHash) || !VESK_ARG_OK(IsValidSectionName(szSection))) {
+    if (!VESK_ARG_OK(szSection != nullptr) || !VESK_ARG_OK(pHash != nullptr) || !VESK_ARG_OK(IsValidSectionName(szSection))) {
         return false;
     }
     int count = VLIBCSzHashCount(pHash);
@@ -332,7 +332,7 @@ int ChangeFile(const char *szPath, const char *szSection, const VLIBC_SZHASH *pH
 int VLIBCFileExist(const char *szPath)
 {
     struct stat st;
-    if (!VESK_ARG_OK(NULL != szPath)) {
+    if (!VESK_ARG_OK(szPath != nullptr)) {
         return 0;
     }
     return stat(szPath, &st) == 0 ? 1 : 0;
@@ -340,7 +340,7 @@ int VLIBCFileExist(const char *szPath)
 
 int VLIBCFileTouch(const char *szPath)
 {
-    if (!VESK_ARG_OK(NULL != szPath)) {
+    if (!VESK_ARG_OK(szPath != nullptr)) {
         return -1;
     }
     try {
@@ -360,7 +360,7 @@ int VLIBCFileTouch(const char *szPath)
 
 int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIBC_SZHASH **ppHash)
 {
-    if (!VESK_ARG_OK(NULL != szPath) || !VESK_ARG_OK(NULL != szSection) || !VESK_ARG_OK(NULL != ppHash)) {
+    if (!VESK_ARG_OK(szPath != nullptr) || !VESK_ARG_OK(szSection != nullptr) || !VESK_ARG_OK(ppHash != nullptr)) {
         return -1;
     }
     SectionFilePtr file = g_cache.Load(szPath);
@@ -382,7 +382,7 @@ int VLIBCFileGetSection(const char *szPath, const char *szSection, VLIBC_SZHASH 
 
 int VLIBCFileEnumSection(const char *szPath, VLIBC_SZLIST **ppList)
 {
-    if (!VESK_ARG_OK(NULL != szPath) || !VESK_ARG_OK(NULL != ppList)) {
+    if (!VESK_ARG_OK(szPath != nullptr) || !VESK_ARG_OK(ppList != nullptr)) {
         return -1;
     }
     SectionFilePtr file = g_cache.Load(szPath);
@@ -410,7 +410,7 @@ int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *s
 {
     (void)szReserved;
     (void)iFlags;
-    if (!VESK_ARG_OK(NULL != szPath) || !SectionArgsOk(szSection, pHash)) {
+    if (!VESK_ARG_OK(szPath != nullptr) || !SectionArgsOk(szSection, pHash)) {
         return -1;
     }
     return ChangeFile(szPath, szSection, pHash, false, true, Rewrite);
@@ -419,7 +419,7 @@ int VLIBCFileSetSection(const char *szPath, const char *szSection, const char *s
 int VLIBCFileAddSection(const char *szPath, const char *szSection, const VLIBC_SZHASH *pHash, int iFlags)
 {
     (void)iFlags;
-    if (!VESK_ARG_OK(NULL != szPath) || !SectionArgsOk(szSection, pHash)) {
+    if (!VESK_ARG_OK(szPath != nullptr) || !SectionArgsOk(szSection, pHash)) {
         return -1;
     }
     return ChangeFile(szPath, szSection, pHash, true, false, Append);
@@ -427,7 +427,7 @@ int VLIBCFileAddSection(const char *szPath, const char *szSection, const VLIBC_S
 
 int VLIBCFileRemoveSection(const char *szPath, const char *szSection)
 {
-    if (!VESK_ARG_OK(NULL != szPath) || !VESK_ARG_OK(NULL != szSection)) {
+    if (!VESK_ARG_OK(szPath != nullptr) || !VESK_ARG_OK(szSection != nullptr)) {
         return -1;
     }
     return ChangeFile(szPath, szSection, nullptr, false, true, Rewrite);
@@ -436,7 +436,7 @@ int VLIBCFileRemoveSection(const char *szPath, const char *szSection)
 int VLIBCFileHash2File(FILE *fp, const char *szSection, const VLIBC_SZHASH *pHash, int iFlags)
 {
     (void)iFlags;
-    if (!VESK_ARG_OK(NULL != fp) || !SectionArgsOk(szSection, pHash)) {
+    if (!VESK_ARG_OK(fp != nullptr) || !SectionArgsOk(szSection, pHash)) {
         return -1;
     }
     std::string text;

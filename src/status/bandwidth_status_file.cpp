@@ -87,12 +87,12 @@ int OpenStatusDir(VeskSite site, bool blCreate, vesk_section::Dir *pDir)
     bool blPresent = false;
     if (lstat(kStatusDir, &st) != 0) {
         if (errno != ENOTDIR && errno != ENOENT) {
-            VESK_LOG_AT(site, "stat [%s] failed. %m", BW_STATUS_DIR);
+            VESK_LOG_AT(site, "stat [%s] failed. %m", kStatusDir);
             VESK_ERR_SET_AT(site, BW_ERR_STAT_FAILED);
             return -1;
         }
     } else if (S_ISLNK(st.st_mode)) {
-        VESK_LOG_AT(site, "[%s] is a symbolic link; it is not followed.", BW_STATUS_DIR);
+        VESK_LOG_AT(site, "[%s] is a symbolic link; it is not followed.", kStatusDir);
         VESK_ERR_SET_AT(site, BW_ERR_FILE_OPEN);
         return -1;
     } else {
@@ -101,12 +101,12 @@ int OpenStatusDir(VeskSite site, bool blCreate, vesk_section::Dir *pDir)
     if (!blPresent && !blCreate) {
         return 0;
     }
-    if (!blPresent && VESKFSMkdirP(BW_STATUS_DIR, 0, 1, (uid_t)-1, (gid_t)-1, 0777) < 0) {
-        VESK_LOG_AT(site, "VESKFSMkdirP failed. [%s] [0x%04X %s:%d]", BW_STATUS_DIR, VESK_ERR_ARGS);
+    if (!blPresent && VESKFSMkdirP(kStatusDir, 0, 1, UID_ERR, (gid_t)-1, 0777) < 0) {
+        VESK_LOG_AT(site, "VESKFSMkdirP failed. [%s] [0x%04X %s:%d]", kStatusDir, VESK_ERR_ARGS);
         return -1;
     }
     if (!pDir->Open(kStatusDir)) {
-        VESK_LOG_AT(site, "open [%s] failed. %m", BW_STATUS_DIR);
+        VESK_LOG_AT(site, "open [%s] failed. %m", kStatusDir);
         VESK_ERR_SET_AT(site, BW_ERR_FILE_OPEN);
         return -1;
     }

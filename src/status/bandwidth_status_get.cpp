@@ -21,7 +21,7 @@ int ReadSection(const char *szPath, const char *szSection, VLIBC_SZHASH **ppHash
         return iOpen;
     }
     vesk_status::StatusFile status;
-    int iCode = vesk_status::LoadStatusFile(VESK_SITE, dir, szPath + sizeof(BW_STATUS_DIR) - 1, time(nullptr), &status);
+    int iCode = vesk_status::LoadStatusFile(VESK_SITE, dir, szPath + sizeof(kStatusDir) - 1, time(nullptr), &status);
     if (iCode == BW_ERR_FILE_OPEN && errno == ENOENT) {
         return 0;
     }
@@ -56,10 +56,10 @@ int VESKBandwidthIStatusGet(int owner_type, unsigned int id, pid_t pid, int tran
     if (!hash) {
         return -1;
     }
-    char szSection[BW_STATUS_SECTION_SIZE] = {0};
-    char szPath[BW_STATUS_PATH_SIZE] = {0};
+    char szSection[kStatusSectionSize] = {0};
+    char szPath[kStatusPathSize] = {0};
     BandwidthStatusSectionName(pid, transfer_type, szSection, sizeof(szSection));
-    if (BW_STATUS_FILE_PATH(owner_type, id, szPath) < 0) {
+    if (BandwidthStatusFilePath(owner_type, id, szPath, sizeof(szPath), VESK_SITE) < 0) {
         return -1;
     }
     int iRead = ReadSection(szPath, szSection, hash.Addr());

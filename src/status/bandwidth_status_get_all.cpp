@@ -156,8 +156,8 @@ void CollectTempFile(const vesk_section::Dir &dir, const char *szName, time_t no
 // True for a path in the status directory.
 bool InStatusDir(const char *szPath)
 {
-    return strncmp(szPath, BW_STATUS_DIR, sizeof(BW_STATUS_DIR) - 1) == 0 &&
-           strchr(szPath + sizeof(BW_STATUS_DIR) - 1, '/') == nullptr;
+    return strncmp(szPath, kStatusDir, sizeof(kStatusDir) - 1) == 0 &&
+           strchr(szPath + sizeof(kStatusDir) - 1, '/') == nullptr;
 }
 
 }  // namespace
@@ -165,9 +165,9 @@ bool InStatusDir(const char *szPath)
 int VESKBandwidthStatusGetAll(int owner_type, unsigned int id, int protocol_type, unsigned int transfer_type,
                               VESK_BANDWIDTH_STATUS **pStatusList)
 {
-    char szPath[BW_STATUS_PATH_SIZE] = {0};
+    char szPath[kStatusPathSize] = {0};
 
-    if (BW_STATUS_FILE_PATH(owner_type, id, szPath) < 0) {
+    if (BandwidthStatusFilePath(owner_type, id, szPath, sizeof(szPath), VESK_SITE) < 0) {
         return -1;
     }
     return VESKBandwidthIStatusGetAll(szPath, protocol_type, transfer_type, pStatusList, 0);

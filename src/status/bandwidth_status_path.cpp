@@ -14,7 +14,7 @@ int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_
         VESK_LOG_AT(site, "VESKBandwidthEnumToName failed, protocol=%d", owner_type);
         return -1;
     }
-    snprintf(szPath, cbPath, BW_STATUS_DIR "%s-%u", szOwner, id);
+    snprintf(szPath, cbPath, "%s%s-%u", kStatusDir, szOwner, id);
     return 0;
 }
 

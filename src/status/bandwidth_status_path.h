@@ -13,17 +13,15 @@
 #include "vesk_log.h"
 
 // Directory of every status file.
-#define BW_STATUS_DIR "/tmp/bandwidth/"
+constexpr char kStatusDir[] = "/tmp/bandwidth/";
 
 // Buffer sizes of a status file path and of a section name.
-#define BW_STATUS_PATH_SIZE    4095
-#define BW_STATUS_SECTION_SIZE 512
+constexpr size_t kStatusPathSize = 4095;
+constexpr size_t kStatusSectionSize = 512;
 
 // The status file "/tmp/bandwidth/<owner type name>-<id>" into szPath (cbPath
 // bytes): 0, or -1 (logged) when the owner type has no name.
 int BandwidthStatusFilePath(int owner_type, unsigned int id, char *szPath, size_t cbPath, VeskSite site);
-#define BW_STATUS_FILE_PATH(owner_type, id, szPath)                                                                    \
-    BandwidthStatusFilePath((owner_type), (id), (szPath), sizeof(szPath), VESK_SITE)
 
 // The section "<pid>-<transfer type>" into szSection (cbSection bytes).
 void BandwidthStatusSectionName(pid_t pid, int transfer_type, char *szSection, size_t cbSection);

@@ -19,12 +19,12 @@ namespace {
 // section is no failure.
 int VESKBandwidthIStatusRemove(int owner_type, unsigned int id, pid_t pid, unsigned int transfer_type)
 {
-    char szPath[BW_STATUS_PATH_SIZE] = {0};
+    char szPath[kStatusPathSize] = {0};
 
     if (!VESK_ARG_CHECK(pid != -1, "(pid_t)-1 != pid")) {
         return -1;
     }
-    if (BW_STATUS_FILE_PATH(owner_type, id, szPath) < 0) {
+    if (BandwidthStatusFilePath(owner_type, id, szPath, sizeof(szPath), VESK_SITE) < 0) {
         return -1;
     }
     vesk_section::Dir dir;
@@ -32,12 +32,12 @@ int VESKBandwidthIStatusRemove(int owner_type, unsigned int id, pid_t pid, unsig
     if (iOpen <= 0) {
         return iOpen;
     }
-    const char *szName = szPath + sizeof(BW_STATUS_DIR) - 1;
+    const char *szName = szPath + sizeof(kStatusDir) - 1;
     for (const VESK_BW_ENUM_ENTRY *pRow = VESK_BW_TRANSFER_TYPE_NAMES; pRow->szName != nullptr; pRow++) {
         if (((unsigned int)pRow->iValue & transfer_type) == 0) {
             continue;
         }
-        char szSection[BW_STATUS_SECTION_SIZE] = {0};
+        char szSection[kStatusSectionSize] = {0};
         BandwidthStatusSectionName(pid, pRow->iValue, szSection, sizeof(szSection));
         struct stat st;
         if (fstatat(dir.Fd(), szName, &st, AT_SYMLINK_NOFOLLOW) == 0 &&

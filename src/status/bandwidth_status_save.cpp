@@ -15,17 +15,18 @@ namespace {
 int StatusSaveToOwner(int owner_type, unsigned int id, const char *szSection, const VLIBC_SZHASH *pHash)
 {
     BwUmaskScope mask(0);
-    char szPath[BW_STATUS_PATH_SIZE] = {0};
+    char szPath[kStatusPathSize] = {0};
 
     if (!VESK_ARG_CHECK(szSection != nullptr, "((void *)0) != szSection") ||
         !VESK_ARG_CHECK(pHash != nullptr, "NULL != pHash")) {
         return -1;
     }
     vesk_section::Dir dir;
-    if (vesk_status::OpenStatusDir(VESK_SITE, true, &dir) < 0 || BW_STATUS_FILE_PATH(owner_type, id, szPath) < 0) {
+    if (vesk_status::OpenStatusDir(VESK_SITE, true, &dir) < 0 ||
+        BandwidthStatusFilePath(owner_type, id, szPath, sizeof(szPath), VESK_SITE) < 0) {
         return -1;
     }
-    const char *szName = szPath + sizeof(BW_STATUS_DIR) - 1;
+    const char *szName = szPath + sizeof(kStatusDir) - 1;
     int iCode = vesk_section::CreateIfMissing(dir, szName);
     if (iCode != 0) {
         VESK_ERR_SET(iCode);
@@ -96,7 +97,7 @@ int VESKBandwidthStatusSave(uid_t uid, const VESK_BANDWIDTH_CONFIG *pConfig, VES
         VESK_ERR_SET(BW_ERR_OUT_OF_MEMORY);
         return -1;
     }
-    char szSection[BW_STATUS_SECTION_SIZE] = {0};
+    char szSection[kStatusSectionSize] = {0};
     BandwidthStatusSectionName(pStatus->pid, pStatus->transfer_type, szSection, sizeof(szSection));
     if (StatusRecordSave(uid, VESK_BW_OWNER_USER, uid, szSection, pStatus, hash.Addr()) < 0) {
         return -1;

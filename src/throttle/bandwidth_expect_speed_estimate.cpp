@@ -90,9 +90,9 @@ int VESKBandwidthExpectSpeedEstimate(uid_t uid, const VESK_BANDWIDTH_LIMIT *pCon
         *pMaxSpeedBps = 0;
         return 0;
     }
-    char szPath[BW_STATUS_PATH_SIZE] = {0};
+    char szPath[kStatusPathSize] = {0};
     LimitShare share(ullLimit, uid, pid);
-    if (BW_STATUS_FILE_PATH(pConf->iOwnerType, pConf->id, szPath) < 0 ||
+    if (BandwidthStatusFilePath(pConf->iOwnerType, pConf->id, szPath, sizeof(szPath), VESK_SITE) < 0 ||
         vesk_status::ScanStatusFile(szPath, pConf->iProtocol, transfer_type, share) < 0) {
         // The fixed text names the enumeration that this scan of the status file stands for.
         VESK_LOG("VESKBandwidthStatusGetAll failed. id:[%u] [0x%04X %s:%d]", pConf->id, VESK_ERR_ARGS);
