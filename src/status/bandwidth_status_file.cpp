@@ -20,7 +20,7 @@ namespace {
 
 // The status directory without its trailing slash, which would make the
 // kernel follow a link planted there.
-constexpr char kStatusDir[] = "/tmp/bandwidth";
+constexpr char kStatusDirEntry[] = "/tmp/bandwidth";
 // A temporary file of a writer is a leftover once unchanged this long.
 constexpr time_t kTemporaryMaxAge = 10;
 // Entries of the status directory looked at by one collection of leftovers.
@@ -85,7 +85,7 @@ int OpenStatusDir(VeskSite site, bool blCreate, vesk_section::Dir *pDir)
 {
     struct stat st;
     bool blPresent = false;
-    if (lstat(kStatusDir, &st) != 0) {
+    if (lstat(kStatusDirEntry, &st) != 0) {
         if (errno != ENOTDIR && errno != ENOENT) {
             VESK_LOG_AT(site, "stat [%s] failed. %m", kStatusDir);
             VESK_ERR_SET_AT(site, BW_ERR_STAT_FAILED);
@@ -105,7 +105,7 @@ int OpenStatusDir(VeskSite site, bool blCreate, vesk_section::Dir *pDir)
         VESK_LOG_AT(site, "VESKFSMkdirP failed. [%s] [0x%04X %s:%d]", kStatusDir, VESK_ERR_ARGS);
         return -1;
     }
-    if (!pDir->Open(kStatusDir)) {
+    if (!pDir->Open(kStatusDirEntry)) {
         VESK_LOG_AT(site, "open [%s] failed. %m", kStatusDir);
         VESK_ERR_SET_AT(site, BW_ERR_FILE_OPEN);
         return -1;
