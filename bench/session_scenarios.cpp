@@ -168,6 +168,31 @@ std::vector<Arrivals> Receive(const std::vector<Feeder *> &feeders)
     return arrivals;
 }
 
+// Moves `size` bytes from /dev/zero into fd the way pv does: splice(2), which
+// copies nothing through user space, and read and write where the kernel
+// cannot splice.  False on failure.
+bool MoveZeros(int zero, int fd, std::vector<char> &buffer, size_t size)
+{
+    while (size > 0) {
+        ssize_t n = splice(zero, nullptr, fd, nullptr, size, SPLICE_F_MORE);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && errno == EINVAL) {
+            size_t piece = std::min(size, buffer.size());
+            if (!ReadAll(zero, buffer.data(), piece) || !WriteAll(fd, buffer.data(), piece)) {
+                return false;
+            }
+            n = static_cast<ssize_t>(piece);
+        }
+        if (n <= 0) {
+            return false;
+        }
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
 // Sends `bytes` from /dev/zero into fd through a session of uid, in the
 // chunks it asks for; stops early at `endTime` (monotonic seconds).
 void SendThroughSession(uid_t uid, uint64_t bytes, double endTime, int fd)
@@ -181,7 +206,7 @@ void SendThroughSession(uid_t uid, uint64_t bytes, double endTime, int fd)
         uint64_t chunk = 0;
         CheckLibrary(VESKBandwidthSessionChunk(session, &chunk), "VESKBandwidthSessionChunk");
         chunk = std::min<uint64_t>({chunk, buffer.size(), bytes - sent});
-        if (!ReadAll(zero.fd, buffer.data(), chunk) || !WriteAll(fd, buffer.data(), chunk)) {
+        if (!MoveZeros(zero.fd, fd, buffer, chunk)) {
             throw Failure(Errno("moving the data"));
         }
         sent += chunk;
