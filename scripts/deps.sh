@@ -20,6 +20,8 @@ need libbenchmark-dev test -f /usr/include/benchmark/benchmark.h
 need pv               command -v pv
 need psmisc           command -v killall
 need util-linux       command -v unshare
+# The tmpfiles.d entry is checked with systemd-tmpfiles.
+need systemd          command -v systemd-tmpfiles
 # The command-line tool's tests check its SVG charts with xmllint.
 need libxml2-utils    command -v xmllint
 # Real servers and clients that the preload library's tests and benchmark run.
