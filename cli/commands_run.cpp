@@ -307,10 +307,10 @@ size_t CommandStart(int argc, char **argv)
 {
     for (int i = 0; i < argc; ++i) {
         std::string arg = argv[i];
-        if (arg == "--" || arg.compare(0, 2, "--") != 0) {
+        if (arg == "--" || arg.size() < 2 || arg[0] != '-') {
             return static_cast<size_t>(i);
         }
-        bool takesValue = arg == "--user" || arg == "--protocol" || arg == "--role";
+        bool takesValue = arg == "--user" || arg == "--protocol" || arg == "--role" || arg == "-u" || arg == "-p";
         i += takesValue ? 1 : 0;
     }
     return static_cast<size_t>(argc);
