@@ -28,7 +28,10 @@ constexpr int64_t kCheckIntervalNs = 200 * 1000 * 1000;  // how often the effect
 constexpr int kMinReceiveBuffer = 64 * 1024;
 constexpr uint64_t kChunksPerHalfSecond = 30;
 // What a direction moves before its session opens: requests, commands and
-// replies never register as transfers; bulk data is paced from here on.
+// replies never register as transfers.  Once bulk data passes it, the session
+// opens and owes this much too, so that a transfer's first bytes cost their
+// time at the limit; what moved unthrottled while no session could be opened
+// is not charged later.
 constexpr uint64_t kUnpacedBytes = 64 * 1024;
 
 // Set while this thread runs the library: the library's own file I/O, and a
@@ -57,7 +60,7 @@ struct Direction {
     bool openFailed = false;  // not tried again before the next check
     uint64_t unpaced = 0;     // bytes moved before the session opened
     uint64_t chunk = 0;       // the session's chunk at the last call
-    uint64_t owed = 0;        // bytes moved since the last Pace
+    uint64_t owed = 0;        // bytes moved and not paced yet
 };
 
 Settings gSettings;
@@ -225,6 +228,7 @@ Direction *SessionFor(int fd, int transferType)
             direction.openFailed = true;
         } else {
             gOpenSessions.fetch_add(1, std::memory_order_relaxed);
+            direction.owed = std::min(direction.unpaced, kUnpacedBytes);
         }
         direction.uid = uid;
     }
@@ -280,9 +284,10 @@ bool Paces(int fd)
     return IsPaced(found);
 }
 
-bool Waits(int fd, int flags)
+bool MovesTheRest(int fd, Rest rest, int flags)
 {
-    if ((flags & MSG_DONTWAIT) != 0) {
+    if (rest == Rest::kReturn || (flags & MSG_DONTWAIT) != 0 ||
+        (rest == Rest::kMoveIfWaitAll && (flags & MSG_WAITALL) == 0)) {
         return false;
     }
     LibraryScope scope;
@@ -309,7 +314,10 @@ size_t BeginMove(int fd, Way way, size_t want)
         ClampReceiveBuffer(fd, chunk);
     }
     direction->chunk = chunk;
-    return static_cast<size_t>(std::min<uint64_t>(want, chunk));
+    // No more than the rest of the chunk that EndMove paces when it is full:
+    // a short read before does not let the next one run a chunk past it.
+    uint64_t room = direction->owed < chunk ? chunk - direction->owed : chunk;
+    return static_cast<size_t>(std::min<uint64_t>(want, room));
 }
 
 bool EndMove(int fd, Way way, size_t moved)

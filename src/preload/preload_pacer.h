@@ -21,9 +21,16 @@ void StartPacer();
 // system call.
 bool Paces(int fd);
 
-// Whether a call with these flags waits on this descriptor until it has moved
-// everything (a blocking socket and no MSG_DONTWAIT).
-bool Waits(int fd, int flags);
+// What a call does when its first piece has moved and bytes are left.
+enum class Rest {
+    kReturn,         // returns a short count
+    kMoveIfWaits,    // moves them too on a blocking socket, unless MSG_DONTWAIT (sends)
+    kMoveIfWaitAll,  // the same, with MSG_WAITALL (receives)
+};
+
+// Whether a call with these flags goes on after its first piece.  Asks the
+// descriptor (one system call) only when the flags leave it open.
+bool MovesTheRest(int fd, Rest rest, int flags);
 
 // Before a call that moves up to `want` bytes: how many it may move now.
 size_t BeginMove(int fd, Way way, size_t want);
@@ -33,21 +40,22 @@ bool EndMove(int fd, Way way, size_t moved);
 
 // Moves up to `total` bytes through `move(offset, count)`, a call of the real
 // function on the bytes from `offset` on, at most `count` of them.  A call
-// that waits until everything is moved (`whole`) is split into paced pieces;
-// any other returns after the first piece, with a short count.
+// that waits until everything is moved (by `rest` and the call's `flags`) is
+// split into paced pieces; any other returns after the first piece, with a
+// short count.
 template <typename Move>
-ssize_t MovePaced(int fd, Way way, size_t total, bool whole, Move move)
+ssize_t MovePaced(int fd, Way way, size_t total, Rest rest, int flags, Move move)
 {
     size_t done = 0;
-    for (;;) {
+    for (bool first = true;; first = false) {
         size_t count = BeginMove(fd, way, total - done);
         ssize_t moved = move(done, count);
         if (moved <= 0) {
             return done > 0 ? static_cast<ssize_t>(done) : moved;
         }
         done += static_cast<size_t>(moved);
-        if (!EndMove(fd, way, static_cast<size_t>(moved)) || !whole || static_cast<size_t>(moved) < count ||
-            done >= total) {
+        if (!EndMove(fd, way, static_cast<size_t>(moved)) || static_cast<size_t>(moved) < count || done >= total ||
+            (first && !MovesTheRest(fd, rest, flags))) {
             return static_cast<ssize_t>(done);
         }
     }

@@ -32,7 +32,7 @@ namespace {
 using preload::MovePaced;
 using preload::Next;
 using preload::Paces;
-using preload::Waits;
+using preload::Rest;
 using preload::Way;
 
 Next<ssize_t (*)(int, void *, size_t)> gRead("read");
@@ -129,11 +129,6 @@ ssize_t MessagePiece(const struct msghdr *message, size_t offset, size_t count, 
     return call(&piece);
 }
 
-bool WaitsForAll(int fd, int flags)
-{
-    return (flags & MSG_WAITALL) != 0 && Waits(fd, flags);
-}
-
 }  // namespace
 
 extern "C" {
@@ -143,7 +138,7 @@ VESK_API ssize_t read(int fd, void *buf, size_t count)
     if (!Paces(fd)) {
         return gRead.Get()(fd, buf, count);
     }
-    return MovePaced(fd, Way::kReceive, count, false,
+    return MovePaced(fd, Way::kReceive, count, Rest::kReturn, 0,
                      [&](size_t offset, size_t n) { return gRead.Get()(fd, At(buf, offset), n); });
 }
 
@@ -152,7 +147,7 @@ VESK_API ssize_t __read_chk(int fd, void *buf, size_t count, size_t size)
     if (count > size || !Paces(fd)) {
         return gReadChk.Get()(fd, buf, count, size);
     }
-    return MovePaced(fd, Way::kReceive, count, false,
+    return MovePaced(fd, Way::kReceive, count, Rest::kReturn, 0,
                      [&](size_t offset, size_t n) { return gReadChk.Get()(fd, At(buf, offset), n, size - offset); });
 }
 
@@ -161,7 +156,7 @@ VESK_API ssize_t readv(int fd, const struct iovec *iov, int iovcnt)
     if (!Paces(fd)) {
         return gReadv.Get()(fd, iov, iovcnt);
     }
-    return MovePaced(fd, Way::kReceive, TotalSize(iov, iovcnt), false, [&](size_t offset, size_t n) {
+    return MovePaced(fd, Way::kReceive, TotalSize(iov, iovcnt), Rest::kReturn, 0, [&](size_t offset, size_t n) {
         Slice slice(iov, iovcnt, offset, n);
         return gReadv.Get()(fd, slice.Data(), slice.Count());
     });
@@ -172,7 +167,7 @@ VESK_API ssize_t recv(int fd, void *buf, size_t count, int flags)
     if (!Paces(fd)) {
         return gRecv.Get()(fd, buf, count, flags);
     }
-    return MovePaced(fd, Way::kReceive, count, WaitsForAll(fd, flags),
+    return MovePaced(fd, Way::kReceive, count, Rest::kMoveIfWaitAll, flags,
                      [&](size_t offset, size_t n) { return gRecv.Get()(fd, At(buf, offset), n, flags); });
 }
 
@@ -181,7 +176,7 @@ VESK_API ssize_t __recv_chk(int fd, void *buf, size_t count, size_t size, int fl
     if (count > size || !Paces(fd)) {
         return gRecvChk.Get()(fd, buf, count, size, flags);
     }
-    return MovePaced(fd, Way::kReceive, count, WaitsForAll(fd, flags), [&](size_t offset, size_t n) {
+    return MovePaced(fd, Way::kReceive, count, Rest::kMoveIfWaitAll, flags, [&](size_t offset, size_t n) {
         return gRecvChk.Get()(fd, At(buf, offset), n, size - offset, flags);
     });
 }
@@ -191,7 +186,7 @@ VESK_API ssize_t recvfrom(int fd, void *buf, size_t count, int flags, struct soc
     if (!Paces(fd)) {
         return gRecvfrom.Get()(fd, buf, count, flags, from, fromSize);
     }
-    return MovePaced(fd, Way::kReceive, count, WaitsForAll(fd, flags), [&](size_t offset, size_t n) {
+    return MovePaced(fd, Way::kReceive, count, Rest::kMoveIfWaitAll, flags, [&](size_t offset, size_t n) {
         return gRecvfrom.Get()(fd, At(buf, offset), n, flags, from, fromSize);
     });
 }
@@ -202,7 +197,7 @@ VESK_API ssize_t __recvfrom_chk(int fd, void *buf, size_t count, size_t size, in
     if (count > size || !Paces(fd)) {
         return gRecvfromChk.Get()(fd, buf, count, size, flags, from, fromSize);
     }
-    return MovePaced(fd, Way::kReceive, count, WaitsForAll(fd, flags), [&](size_t offset, size_t n) {
+    return MovePaced(fd, Way::kReceive, count, Rest::kMoveIfWaitAll, flags, [&](size_t offset, size_t n) {
         return gRecvfromChk.Get()(fd, At(buf, offset), n, size - offset, flags, from, fromSize);
     });
 }
@@ -214,7 +209,7 @@ VESK_API ssize_t recvmsg(int fd, struct msghdr *message, int flags)
         result = gRecvmsg.Get()(fd, message, flags);
     } else {
         result = MovePaced(fd, Way::kReceive, TotalSize(message->msg_iov, static_cast<int>(message->msg_iovlen)),
-                           WaitsForAll(fd, flags), [&](size_t offset, size_t n) {
+                           Rest::kMoveIfWaitAll, flags, [&](size_t offset, size_t n) {
                                return MessagePiece(message, offset, n, [&](struct msghdr *piece) {
                                    ssize_t got = gRecvmsg.Get()(fd, piece, flags);
                                    if (offset == 0) {
@@ -237,7 +232,7 @@ VESK_API ssize_t write(int fd, const void *buf, size_t count)
     if (!Paces(fd)) {
         return gWrite.Get()(fd, buf, count);
     }
-    return MovePaced(fd, Way::kSend, count, Waits(fd, 0),
+    return MovePaced(fd, Way::kSend, count, Rest::kMoveIfWaits, 0,
                      [&](size_t offset, size_t n) { return gWrite.Get()(fd, At(buf, offset), n); });
 }
 
@@ -246,7 +241,7 @@ VESK_API ssize_t writev(int fd, const struct iovec *iov, int iovcnt)
     if (!Paces(fd)) {
         return gWritev.Get()(fd, iov, iovcnt);
     }
-    return MovePaced(fd, Way::kSend, TotalSize(iov, iovcnt), Waits(fd, 0), [&](size_t offset, size_t n) {
+    return MovePaced(fd, Way::kSend, TotalSize(iov, iovcnt), Rest::kMoveIfWaits, 0, [&](size_t offset, size_t n) {
         Slice slice(iov, iovcnt, offset, n);
         return gWritev.Get()(fd, slice.Data(), slice.Count());
     });
@@ -257,7 +252,7 @@ VESK_API ssize_t send(int fd, const void *buf, size_t count, int flags)
     if (!Paces(fd)) {
         return gSend.Get()(fd, buf, count, flags);
     }
-    return MovePaced(fd, Way::kSend, count, Waits(fd, flags),
+    return MovePaced(fd, Way::kSend, count, Rest::kMoveIfWaits, flags,
                      [&](size_t offset, size_t n) { return gSend.Get()(fd, At(buf, offset), n, flags); });
 }
 
@@ -266,7 +261,7 @@ VESK_API ssize_t sendto(int fd, const void *buf, size_t count, int flags, const 
     if (!Paces(fd)) {
         return gSendto.Get()(fd, buf, count, flags, to, toSize);
     }
-    return MovePaced(fd, Way::kSend, count, Waits(fd, flags),
+    return MovePaced(fd, Way::kSend, count, Rest::kMoveIfWaits, flags,
                      [&](size_t offset, size_t n) { return gSendto.Get()(fd, At(buf, offset), n, flags, to, toSize); });
 }
 
@@ -276,7 +271,7 @@ VESK_API ssize_t sendmsg(int fd, const struct msghdr *message, int flags)
         return gSendmsg.Get()(fd, message, flags);
     }
     return MovePaced(fd, Way::kSend, TotalSize(message->msg_iov, static_cast<int>(message->msg_iovlen)),
-                     Waits(fd, flags), [&](size_t offset, size_t n) {
+                     Rest::kMoveIfWaits, flags, [&](size_t offset, size_t n) {
                          return MessagePiece(message, offset, n,
                                              [&](struct msghdr *piece) { return gSendmsg.Get()(fd, piece, flags); });
                      });
@@ -287,7 +282,7 @@ VESK_API ssize_t sendfile(int out, int in, off_t *offset, size_t count) noexcept
     if (!Paces(out)) {
         return gSendfile.Get()(out, in, offset, count);
     }
-    return MovePaced(out, Way::kSend, count, Waits(out, 0),
+    return MovePaced(out, Way::kSend, count, Rest::kMoveIfWaits, 0,
                      [&](size_t, size_t n) { return gSendfile.Get()(out, in, offset, n); });
 }
 
@@ -296,7 +291,7 @@ VESK_API ssize_t sendfile64(int out, int in, off64_t *offset, size_t count) noex
     if (!Paces(out)) {
         return gSendfile64.Get()(out, in, offset, count);
     }
-    return MovePaced(out, Way::kSend, count, Waits(out, 0),
+    return MovePaced(out, Way::kSend, count, Rest::kMoveIfWaits, 0,
                      [&](size_t, size_t n) { return gSendfile64.Get()(out, in, offset, n); });
 }
 
@@ -306,10 +301,10 @@ VESK_API ssize_t splice(int in, loff_t *inOffset, int out, loff_t *outOffset, si
 {
     auto call = [&](size_t, size_t n) { return gSplice.Get()(in, inOffset, out, outOffset, n, flags); };
     if (Paces(out)) {
-        return MovePaced(out, Way::kSend, count, false, call);
+        return MovePaced(out, Way::kSend, count, Rest::kReturn, 0, call);
     }
     if (Paces(in)) {
-        return MovePaced(in, Way::kReceive, count, false, call);
+        return MovePaced(in, Way::kReceive, count, Rest::kReturn, 0, call);
     }
     return gSplice.Get()(in, inOffset, out, outOffset, count, flags);
 }
