@@ -32,6 +32,7 @@
 namespace {
 
 using vesk_section::Dir;
+using vesk_section::FileStamp;
 using vesk_section::IsValidKey;
 using vesk_section::IsValidSectionName;
 using vesk_section::Section;
@@ -49,7 +50,8 @@ constexpr size_t kNoBound = SIZE_MAX / 2;
 // when it cannot be written faithfully.
 bool SectionArgsOk(const char *szSection, const VLIBC_SZHASH *pHash)
 {
-    if (!VESK_ARG_OK(szSection != nullptr) || !VESK_ARG_OK(pHash != nullptr) || !VESK_ARG_OK(IsValidSectionName(szSection))) {
+    if (!VESK_ARG_OK(szSection != nullptr) || !VESK_ARG_OK(pHash != nullptr) ||
+        !VESK_ARG_OK(IsValidSectionName(szSection))) {
         return false;
     }
     int count = VLIBCSzHashCount(pHash);
@@ -63,28 +65,6 @@ bool SectionArgsOk(const char *szSection, const VLIBC_SZHASH *pHash)
 }
 
 // ---------------------------------------------------------------- cache
-
-// What fstat says about a file's identity and last change.
-struct FileStamp {
-    dev_t dev;
-    ino_t ino;
-    off_t size;
-    struct timespec mtim;
-    struct timespec ctim;
-
-    explicit FileStamp(const struct stat &st)
-        : dev(st.st_dev), ino(st.st_ino), size(st.st_size), mtim(st.st_mtim), ctim(st.st_ctim)
-    {
-    }
-    bool operator==(const FileStamp &o) const
-    {
-        return dev == o.dev && ino == o.ino && size == o.size && SameTime(mtim, o.mtim) && SameTime(ctim, o.ctim);
-    }
-    static bool SameTime(const struct timespec &a, const struct timespec &b)
-    {
-        return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-    }
-};
 
 int64_t Nanoseconds(const struct timespec &ts)
 {

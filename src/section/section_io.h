@@ -54,6 +54,31 @@ private:
     int fd_ = -1;
 };
 
+// What stat says about a file's identity and last change: two stamps differ
+// when the file was replaced (device, inode) or changed (size, times).  A
+// default stamp stands for a missing file.
+struct FileStamp {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    struct timespec mtim = {};
+    struct timespec ctim = {};
+
+    FileStamp() = default;
+    explicit FileStamp(const struct stat &st)
+        : dev(st.st_dev), ino(st.st_ino), size(st.st_size), mtim(st.st_mtim), ctim(st.st_ctim)
+    {
+    }
+    bool operator==(const FileStamp &o) const
+    {
+        return dev == o.dev && ino == o.ino && size == o.size && SameTime(mtim, o.mtim) && SameTime(ctim, o.ctim);
+    }
+    static bool SameTime(const struct timespec &a, const struct timespec &b)
+    {
+        return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+    }
+};
+
 // A file as read: its bytes (at most the bound), what fstat said, and whether
 // it held more than the bound.
 struct FileBytes {

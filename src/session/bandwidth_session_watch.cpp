@@ -1,7 +1,6 @@
 // The change notice of a session's limit files.
 #include "session/bandwidth_session_watch.h"
 
-#include <string.h>
 #include <sys/stat.h>
 
 #include "veskbandwidth.h"
@@ -24,26 +23,15 @@ bool BwConfWatch::Refresh()
 {
     bool blChanged = false;
     for (int i = 0; i < kFiles; ++i) {
-        Stamp now = StampOf(szPaths_[i]);
-        blChanged = blChanged || !Same(now, stamps_[i]);
+        vesk_section::FileStamp now = StampOf(szPaths_[i]);
+        blChanged = blChanged || !(now == stamps_[i]);
         stamps_[i] = now;
     }
     return blChanged;
 }
 
-BwConfWatch::Stamp BwConfWatch::StampOf(const char *szPath)
+vesk_section::FileStamp BwConfWatch::StampOf(const char *szPath)
 {
-    Stamp stamp;
-    memset(&stamp, 0, sizeof(stamp));
     struct stat st;
-    if (0 == stat(szPath, &st)) {
-        stamp = {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
-    }
-    return stamp;
-}
-
-bool BwConfWatch::Same(const Stamp &a, const Stamp &b)
-{
-    return a.dev == b.dev && a.ino == b.ino && a.size == b.size && a.mtime.tv_sec == b.mtime.tv_sec &&
-           a.mtime.tv_nsec == b.mtime.tv_nsec && a.ctime.tv_sec == b.ctime.tv_sec && a.ctime.tv_nsec == b.ctime.tv_nsec;
+    return stat(szPath, &st) == 0 ? vesk_section::FileStamp(st) : vesk_section::FileStamp();
 }

@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include "conf/bandwidth_conf_store.h"
+#include "section/section_io.h"
 
 class BwConfWatch {
 public:
@@ -19,20 +20,12 @@ public:
     bool Refresh();
 
 private:
-    // What identifies a version of a file; all zero while it is missing.
-    struct Stamp {
-        dev_t dev;
-        ino_t ino;
-        off_t size;
-        struct timespec mtime;
-        struct timespec ctime;
-    };
-    static Stamp StampOf(const char *szPath);
-    static bool Same(const Stamp &a, const Stamp &b);
+    // The version of a file; the default stamp while it is missing.
+    static vesk_section::FileStamp StampOf(const char *szPath);
 
     static constexpr int kFiles = 2;  // the protocol's limit file and the global file
     char szPaths_[kFiles][kConfPathSize] = {};
-    Stamp stamps_[kFiles] = {};
+    vesk_section::FileStamp stamps_[kFiles] = {};
 };
 
 #endif
